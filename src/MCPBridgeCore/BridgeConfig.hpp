@@ -1,0 +1,26 @@
+#pragma once
+
+// The run's configuration, filled only by the command line.
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sentrova {
+
+struct BridgeConfig {
+    std::string gatewayURL; // a checked URI reference; the gateway client resolves request paths against it
+    std::optional<std::string> gatewayToken;
+    std::string workerName;
+    std::optional<std::string> provider;
+    std::vector<std::string> serverArgv;
+    double deadline = 240.0;
+    double heartbeatInterval = 15.0;
+
+    // serverArgv joined with single spaces, no quoting.
+    std::string serverCommandString() const;
+
+    friend bool operator==(const BridgeConfig&, const BridgeConfig&) = default;
+};
+
+} // namespace sentrova

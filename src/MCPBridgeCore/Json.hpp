@@ -1,0 +1,123 @@
+#pragma once
+
+// JSON value model, the tolerant reader and the canonical writer.
+//
+// The reader accepts a superset of what mainstream server parsers (Node's JSON.parse,
+// Python's json, Go's encoding/json) accept, because a line the bridge cannot read is
+// relayed unchanged: anything a server would execute must be readable here.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace sentrova {
+
+class Json;
+
+struct JsonMember;
+
+class Json {
+public:
+    enum class Type : std::uint8_t { null, boolean, integer, unsignedInteger, real, string, array, object };
+
+    using Array = std::vector<Json>;
+    using Object = std::vector<JsonMember>; // every member, in input order (duplicates kept)
+
+    Json() noexcept; // null
+    ~Json();         // iterative: destroying a deeply nested value never recurses
+    Json(const Json& other);
+    Json(Json&& other) noexcept;
+    Json& operator=(const Json& other);
+    Json& operator=(Json&& other) noexcept;
+
+    static Json null();
+    static Json boolean(bool value);
+    static Json integer(std::int64_t value);
+    static Json unsignedInteger(std::uint64_t value); // only for values above INT64_MAX
+    static Json real(double value);
+    static Json string(std::string value);
+    static Json array(Array elements = {});
+    static Json object(Object members = {});
+
+    Type type() const noexcept { return type_; }
+    bool isNull() const noexcept { return type_ == Type::null; }
+    bool isBool() const noexcept { return type_ == Type::boolean; }
+    bool isString() const noexcept { return type_ == Type::string; }
+    bool isArray() const noexcept { return type_ == Type::array; }
+    bool isObject() const noexcept { return type_ == Type::object; }
+    // A JSON number; booleans count as numbers (1 and 0), as every numeric read of the bridge expects.
+    bool isNumber() const noexcept;
+    // True only for integer, unsignedInteger and real (not booleans).
+    bool isNumberLiteral() const noexcept;
+
+    bool boolValue() const noexcept;            // only meaningful for booleans
+    std::int64_t intValue() const noexcept;     // only meaningful for integer
+    std::uint64_t uintValue() const noexcept;   // only meaningful for unsignedInteger
+    double realValue() const noexcept;          // only meaningful for real
+    // The numeric value of a number or boolean (true 1, false 0); nullopt for anything else.
+    std::optional<double> numberValue() const noexcept;
+
+    const std::string& stringValue() const noexcept; // only meaningful for strings
+    const Array& arrayValue() const noexcept;        // only meaningful for arrays
+    const Object& objectValue() const noexcept;      // only meaningful for objects
+    std::string& mutableString() noexcept;
+    Array& mutableArray() noexcept;
+    Object& mutableObject() noexcept;
+
+    // Object lookup: the last member with exactly this key, or nullptr (also for non-objects).
+    const Json* find(std::string_view key) const noexcept;
+
+    // Structural equality; numbers compare by kind and value; objects member by member in order.
+    friend bool operator==(const Json& a, const Json& b);
+
+private:
+    void destroy() noexcept;
+    void copyFrom(const Json& other);
+    void moveFrom(Json&& other) noexcept;
+
+    Type type_ = Type::null;
+    union {
+        bool b_;
+        std::int64_t i_;
+        std::uint64_t u_;
+        double d_;
+        std::string* s_;
+        Array* a_;
+        Object* o_;
+    };
+};
+
+struct JsonMember {
+    std::string key;
+    Json value;
+    friend bool operator==(const JsonMember& a, const JsonMember& b) { return a.key == b.key && a.value == b.value; }
+};
+
+// The tolerant reader. The top level must be an object or an array, followed only by
+// whitespace (space, tab, CR, LF). A leading UTF-8 BOM is skipped. Invalid UTF-8 and lone
+// surrogate escapes inside strings become U+FFFD; numbers of any size are read (int64 or
+// uint64 when they fit exactly, else double, overflow to an infinity); NaN, Infinity and
+// -Infinity are numbers; nesting depth is unlimited. nullopt when the text is refused.
+std::optional<Json> parseJson(std::string_view text);
+
+struct JsonWriteOptions {
+    bool escapeSlash = false; // write "/" as "\/" (only the tool pin input asks for this)
+};
+
+// The canonical writer: compact, keys of every object sorted (see jsonKeyLess), UTF-8
+// unescaped. nullopt when the value holds a non-finite number or nests deeper than
+// kMaxWriteDepth, so that each caller's fallback applies.
+inline constexpr std::size_t kMaxWriteDepth = 512;
+std::optional<std::string> writeJson(const Json& value, JsonWriteOptions options = {});
+
+// Appends the canonical text of a string value (with its quotes) to out.
+void appendJsonString(std::string& out, std::string_view text, JsonWriteOptions options = {});
+
+// Sorted-key order of the canonical writer: case-insensitive comparison, runs of ASCII
+// digits compared by numeric value, remaining ties broken by plain byte order.
+bool jsonKeyLess(std::string_view a, std::string_view b) noexcept;
+
+} // namespace sentrova

@@ -1,0 +1,14 @@
+#pragma once
+
+// Cuts a byte stream into LF-terminated lines and hands each non-empty line to a sink.
+
+#include <functional>
+#include <string>
+
+namespace sentrova {
+
+// Reads fd until end of stream (or a read error, treated as the end). Only 0x0A ends a line;
+// CR is kept; empty lines are dropped; a last line without LF is delivered at the end.
+void pumpLines(int fd, const std::function<void(std::string line)>& sink);
+
+} // namespace sentrova

@@ -1,0 +1,2 @@
+// STUB: replaced by the real entry point.
+int main() { return 70; }
