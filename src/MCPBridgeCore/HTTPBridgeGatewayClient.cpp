@@ -1,10 +1,457 @@
-// STUB: replaced by the real implementation.
 #include "MCPBridgeCore/HTTPBridgeGatewayClient.hpp"
+
+#include <curl/curl.h>
+#include <pthread.h>
+#include <uriparser/Uri.h>
+
+#include <algorithm>
+#include <chrono>
+#include <climits>
+#include <cmath>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
 namespace sentrova {
-struct HTTPBridgeGatewayClient::Session {};
-HTTPBridgeGatewayClient::HTTPBridgeGatewayClient(std::string b, std::optional<std::string> t, double d) : baseURL_(std::move(b)), token_(std::move(t)), deadline_(d) {}
-HTTPBridgeGatewayClient::~HTTPBridgeGatewayClient() {}
-BridgeDecision HTTPBridgeGatewayClient::requestDecision(const BridgeToolCallQuery&) { return BridgeDecision::deny(std::string(GatewayDenyReason::noAnswer)); }
-void HTTPBridgeGatewayClient::postEvent(const BridgeEvent&) {}
-std::optional<std::string> HTTPBridgeGatewayClient::resolve(const std::string&, const std::string&) { return {}; }
+
+namespace {
+
+constexpr const char* decisionPath = "/v1/toolcall";
+constexpr const char* eventPath = "/v1/event";
+// The HTTP layer lets an exchange run this much longer than the caller waits for it.
+constexpr double transportGraceSeconds = 5.0;
+constexpr double eventTimeoutSeconds = 60.0;
+// Longer finite deadlines are capped here (about 31 years) so that clock arithmetic cannot overflow.
+constexpr double longestFiniteDeadline = 1e9;
+// Scheme put in front of a base without one, so that the resolver (which wants an absolute base)
+// can still apply RFC 3986 section 5.2; it is removed from the result again.
+constexpr std::string_view placeholderScheme = "sentrova-relative";
+
+BridgeDecision denyWith(std::string_view reason) { return BridgeDecision::deny(std::string(reason)); }
+
+void initialiseCurlOnce() {
+    static std::once_flag once;
+    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
+
+// ---- URLs -------------------------------------------------------------------------------------
+
+// A parsed RFC 3986 reference; the text is kept alive beside the parse, which points into it.
+class ParsedReference {
+public:
+    explicit ParsedReference(std::string text) : text_(std::move(text)) {
+        const char* textEnd = text_.data() + text_.size();
+        parsed_ = uriParseSingleUriExA(&uri_, text_.data(), textEnd, nullptr) == URI_SUCCESS;
+    }
+    ~ParsedReference() { uriFreeUriMembersA(&uri_); }
+    ParsedReference(const ParsedReference&) = delete;
+    ParsedReference& operator=(const ParsedReference&) = delete;
+
+    bool parsed() const noexcept { return parsed_; }
+    const UriUriA* uri() const noexcept { return &uri_; }
+    bool hasScheme() const noexcept { return uri_.scheme.first != nullptr; }
+
+private:
+    std::string text_;
+    UriUriA uri_{};
+    bool parsed_ = false;
+};
+
+std::string_view rangeText(const UriTextRangeA& range) {
+    if (range.first == nullptr || range.afterLast == nullptr) return {};
+    return std::string_view(range.first, static_cast<std::size_t>(range.afterLast - range.first));
+}
+
+std::optional<std::string> uriText(const UriUriA* uri) {
+    int length = 0;
+    if (uriToStringCharsRequiredA(uri, &length) != URI_SUCCESS) return std::nullopt;
+    std::string text(static_cast<std::size_t>(length) + 1, '\0');
+    if (uriToStringA(text.data(), uri, length + 1, nullptr) != URI_SUCCESS) return std::nullopt;
+    text.resize(static_cast<std::size_t>(length));
+    return text;
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        auto lower = [](char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; };
+        if (lower(a[i]) != lower(b[i])) return false;
+    }
+    return true;
+}
+
+// Only absolute http and https URLs with a host go to libcurl: anything else would make it guess a
+// scheme or speak another protocol, and is a transport failure instead.
+bool sendableOverHTTP(const std::string& url) {
+    ParsedReference reference(url);
+    if (!reference.parsed()) return false;
+    std::string_view scheme = rangeText(reference.uri()->scheme);
+    bool web = equalsIgnoringCase(scheme, "http") || equalsIgnoringCase(scheme, "https");
+    return web && !rangeText(reference.uri()->hostText).empty();
+}
+
+// A token that would break the header line (or be cut at a NUL by libcurl) makes every request unsendable.
+bool usableAsHeaderValue(const std::optional<std::string>& token) {
+    return !token || token->find_first_of(std::string_view("\r\n\0", 3)) == std::string::npos;
+}
+
+// ---- time limits ------------------------------------------------------------------------------
+
+// How long a caller waits and how long libcurl may work, derived once from the configured deadline.
+// A NaN or negative deadline counts as 0 (every decision that is not already answered times out);
+// +infinity waits without limit, as asked.
+struct TimeLimits {
+    bool waitsForever = false;
+    std::chrono::steady_clock::duration decisionWait{};
+    long decisionTransferMs = 0; // 0: no limit
+    long eventTransferMs = 0;
+
+    static long milliseconds(double seconds) {
+        double ms = std::ceil(seconds * 1000.0);
+        return ms >= static_cast<double>(LONG_MAX) ? LONG_MAX : static_cast<long>(ms);
+    }
+
+    explicit TimeLimits(double deadline) {
+        if (std::isnan(deadline) || deadline < 0) deadline = 0;
+        if (std::isinf(deadline)) {
+            waitsForever = true;
+            decisionTransferMs = 0;
+            eventTransferMs = milliseconds(eventTimeoutSeconds);
+            return;
+        }
+        deadline = std::min(deadline, longestFiniteDeadline);
+        decisionWait = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+            std::chrono::duration<double>(deadline));
+        decisionTransferMs = milliseconds(deadline + transportGraceSeconds);
+        eventTransferMs = milliseconds(std::min(eventTimeoutSeconds, deadline + transportGraceSeconds));
+    }
+};
+
+// ---- one exchange -----------------------------------------------------------------------------
+
+// Where a waiting caller and the worker meet. The worker fills `decision` once; a caller that
+// gave up marks itself abandoned so that the worker does not start (or stops) its request.
+struct PendingDecision {
+    std::mutex lock;
+    std::condition_variable answered;
+    std::optional<BridgeDecision> decision;
+    bool abandoned = false;
+
+    void complete(BridgeDecision result) {
+        {
+            std::lock_guard<std::mutex> guard(lock);
+            decision = std::move(result);
+        }
+        answered.notify_one();
+    }
+    bool isAbandoned() {
+        std::lock_guard<std::mutex> guard(lock);
+        return abandoned;
+    }
+};
+
+// One POST, owned by the worker from the moment it is queued.
+struct Transfer {
+    std::string url;
+    std::string body;
+    long timeoutMs = 0;
+    std::shared_ptr<PendingDecision> pending; // null for an event
+    std::string response;
+    CURL* easy = nullptr;
+
+    ~Transfer() {
+        if (easy != nullptr) curl_easy_cleanup(easy);
+    }
+
+    // A short count makes libcurl fail the transfer, which then denies like any other failure.
+    static size_t keepBody(char* data, size_t size, size_t count, void* context) {
+        try {
+            static_cast<Transfer*>(context)->response.append(data, size * count);
+            return size * count;
+        } catch (...) {
+            return 0;
+        }
+    }
+    static size_t dropBody(char*, size_t size, size_t count, void*) { return size * count; }
+};
+
+// status 200 (with a body, possibly empty) is a verdict; every other ending is the no-answer deny.
+BridgeDecision decisionFor(CURLcode result, long status, const std::string& body) {
+    try {
+        if (result == CURLE_OK && status == 200) return BridgeDecision::parse(body);
+    } catch (...) {
+        // Out of memory while reading the verdict: no verdict, so the call is denied like any other.
+    }
+    return denyWith(GatewayDenyReason::noAnswer);
+}
+
+} // namespace
+
+// ---- the session: one multi handle, one worker thread -----------------------------------------
+
+// Callers hand transfers and cancellations over through `queueLock` and wake the worker with
+// curl_multi_wakeup; every other curl call happens on the worker, so the multi handle and the
+// easy handles need no locking of their own.
+struct HTTPBridgeGatewayClient::Session {
+    std::optional<std::string> decisionURL;
+    std::optional<std::string> eventURL;
+    bool sendable = false;
+    TimeLimits limits;
+    curl_slist* headers = nullptr;
+    CURLM* multi = nullptr;
+
+    std::mutex queueLock;
+    std::vector<std::unique_ptr<Transfer>> submitted;
+    std::vector<std::shared_ptr<PendingDecision>> cancelled;
+    bool stopping = false;
+    std::thread worker;
+
+    Session(const std::string& baseURL, const std::optional<std::string>& token, double deadline)
+        : decisionURL(HTTPBridgeGatewayClient::resolve(baseURL, decisionPath)),
+          eventURL(HTTPBridgeGatewayClient::resolve(baseURL, eventPath)), limits(deadline) {
+        sendable = decisionURL && sendableOverHTTP(*decisionURL) && usableAsHeaderValue(token);
+        if (!sendable) return; // every request fails at once; no thread is needed for that
+
+        initialiseCurlOnce();
+        headers = curl_slist_append(headers, "Content-Type: application/json");
+        // libcurl would otherwise hold back large bodies (screenshots) waiting for "100 Continue".
+        if (headers) headers = appendOrFree(headers, "Expect:");
+        if (headers && token) headers = appendOrFree(headers, ("Authorization: Bearer " + *token).c_str());
+        multi = curl_multi_init();
+        if (headers == nullptr || multi == nullptr) {
+            releaseCurl();
+            return;
+        }
+        try {
+            worker = std::thread([this] { run(); });
+        } catch (...) {
+            releaseCurl();
+        }
+    }
+
+    ~Session() {
+        {
+            std::lock_guard<std::mutex> guard(queueLock);
+            stopping = true;
+        }
+        if (worker.joinable()) {
+            curl_multi_wakeup(multi);
+            worker.join();
+        }
+        for (auto& transfer : submitted) finishUnsent(*transfer);
+        releaseCurl();
+    }
+
+    static curl_slist* appendOrFree(curl_slist* list, const char* line) {
+        curl_slist* grown = curl_slist_append(list, line);
+        if (grown == nullptr) curl_slist_free_all(list);
+        return grown;
+    }
+
+    void releaseCurl() {
+        if (multi != nullptr) curl_multi_cleanup(multi);
+        multi = nullptr;
+        curl_slist_free_all(headers);
+        headers = nullptr;
+    }
+
+    bool running() const noexcept { return multi != nullptr; }
+
+    // Queues a transfer for the worker; false when the session cannot carry it.
+    bool submit(std::unique_ptr<Transfer> transfer) {
+        if (!running()) return false;
+        {
+            std::lock_guard<std::mutex> guard(queueLock);
+            if (stopping) return false;
+            submitted.push_back(std::move(transfer));
+        }
+        curl_multi_wakeup(multi);
+        return true;
+    }
+
+    void cancel(std::shared_ptr<PendingDecision> pending) {
+        {
+            std::lock_guard<std::mutex> guard(queueLock);
+            if (stopping) return;
+            cancelled.push_back(std::move(pending));
+        }
+        curl_multi_wakeup(multi);
+    }
+
+    static void finishUnsent(Transfer& transfer) {
+        if (transfer.pending) transfer.pending->complete(denyWith(GatewayDenyReason::noAnswer));
+    }
+
+    // ---- worker thread only ----
+
+    std::unordered_map<Transfer*, std::unique_ptr<Transfer>> active;
+
+    bool configure(Transfer& transfer) {
+        CURL* easy = curl_easy_init();
+        if (easy == nullptr) return false;
+        transfer.easy = easy;
+        bool decision = transfer.pending != nullptr;
+        bool ok = curl_easy_setopt(easy, CURLOPT_URL, transfer.url.c_str()) == CURLE_OK &&
+                  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https") == CURLE_OK &&
+                  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L) == CURLE_OK &&
+                  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers) == CURLE_OK &&
+                  curl_easy_setopt(easy, CURLOPT_POST, 1L) == CURLE_OK &&
+                  curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                                   static_cast<curl_off_t>(transfer.body.size())) == CURLE_OK &&
+                  curl_easy_setopt(easy, CURLOPT_POSTFIELDS, transfer.body.data()) == CURLE_OK &&
+                  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, transfer.timeoutMs) == CURLE_OK &&
+                  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION,
+                                   decision ? &Transfer::keepBody : &Transfer::dropBody) == CURLE_OK &&
+                  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer) == CURLE_OK &&
+                  curl_easy_setopt(easy, CURLOPT_PRIVATE, &transfer) == CURLE_OK;
+        return ok && curl_multi_add_handle(multi, easy) == CURLM_OK;
+    }
+
+    void start(std::unique_ptr<Transfer> transfer) {
+        if (transfer->pending && transfer->pending->isAbandoned()) return;
+        Transfer* key = transfer.get();
+        active.emplace(key, std::move(transfer));
+        if (configure(*key)) return;
+        finishUnsent(*key);
+        active.erase(key);
+    }
+
+    // Removing an unfinished transfer closes its connection, so the gateway sees the request go away.
+    void stop(const std::shared_ptr<PendingDecision>& pending) {
+        for (auto it = active.begin(); it != active.end(); ++it) {
+            if (it->second->pending == pending) {
+                curl_multi_remove_handle(multi, it->second->easy);
+                active.erase(it);
+                return;
+            }
+        }
+    }
+
+    void collectFinished() {
+        int queued = 0;
+        while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
+            if (message->msg != CURLMSG_DONE) continue;
+            void* owner = nullptr;
+            curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &owner);
+            auto it = active.find(static_cast<Transfer*>(owner));
+            if (it == active.end()) continue;
+            Transfer& transfer = *it->second;
+            if (transfer.pending) {
+                long status = 0;
+                curl_easy_getinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &status);
+                transfer.pending->complete(decisionFor(message->data.result, status, transfer.response));
+            }
+            curl_multi_remove_handle(multi, transfer.easy);
+            active.erase(it); // the message points into the handle: read nothing after this
+        }
+    }
+
+    void run() {
+        pthread_setname_np(pthread_self(), "sentrova-http");
+        for (;;) {
+            std::vector<std::unique_ptr<Transfer>> incoming;
+            std::vector<std::shared_ptr<PendingDecision>> withdrawn;
+            {
+                std::lock_guard<std::mutex> guard(queueLock);
+                if (stopping) break;
+                incoming.swap(submitted);
+                withdrawn.swap(cancelled);
+            }
+            for (const auto& pending : withdrawn) stop(pending);
+            for (auto& transfer : incoming) start(std::move(transfer));
+
+            int stillRunning = 0;
+            curl_multi_perform(multi, &stillRunning);
+            collectFinished();
+            // Returns early for socket activity, libcurl's own timers or curl_multi_wakeup; the
+            // one-second ceiling only bounds the cost of a wake-up that might go missing.
+            curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+        }
+        for (auto& [key, transfer] : active) {
+            curl_multi_remove_handle(multi, transfer->easy);
+            finishUnsent(*transfer);
+        }
+        active.clear();
+    }
+};
+
+// ---- the client -------------------------------------------------------------------------------
+
+HTTPBridgeGatewayClient::HTTPBridgeGatewayClient(std::string baseURL, std::optional<std::string> token,
+                                                 double deadline)
+    : baseURL_(std::move(baseURL)), token_(std::move(token)), deadline_(deadline),
+      session_(std::make_unique<Session>(baseURL_, token_, deadline_)) {}
+
+HTTPBridgeGatewayClient::~HTTPBridgeGatewayClient() = default;
+
+BridgeDecision HTTPBridgeGatewayClient::requestDecision(const BridgeToolCallQuery& query) {
+    try {
+        Session& session = *session_;
+        if (!session.decisionURL) return denyWith(GatewayDenyReason::urlInvalid);
+        if (!session.sendable) return denyWith(GatewayDenyReason::noAnswer);
+
+        auto pending = std::make_shared<PendingDecision>();
+        auto transfer = std::make_unique<Transfer>();
+        transfer->url = *session.decisionURL;
+        transfer->body = query.httpBody();
+        transfer->timeoutMs = session.limits.decisionTransferMs;
+        transfer->pending = pending;
+        if (!session.submit(std::move(transfer))) return denyWith(GatewayDenyReason::noAnswer);
+        auto waitEnds = std::chrono::steady_clock::now() + session.limits.decisionWait;
+
+        std::unique_lock<std::mutex> guard(pending->lock);
+        auto hasAnswer = [&] { return pending->decision.has_value(); };
+        if (session.limits.waitsForever) {
+            pending->answered.wait(guard, hasAnswer);
+        } else if (!pending->answered.wait_until(guard, waitEnds, hasAnswer)) {
+            pending->abandoned = true;
+            guard.unlock();
+            session.cancel(pending);
+            return denyWith(GatewayDenyReason::timedOut);
+        }
+        return *pending->decision;
+    } catch (...) {
+        return denyWith(GatewayDenyReason::noAnswer);
+    }
+}
+
+void HTTPBridgeGatewayClient::postEvent(const BridgeEvent& event) {
+    try {
+        Session& session = *session_;
+        if (!session.eventURL || !session.sendable) return;
+        auto transfer = std::make_unique<Transfer>();
+        transfer->url = *session.eventURL;
+        transfer->body = event.httpBody();
+        transfer->timeoutMs = session.limits.eventTransferMs;
+        session.submit(std::move(transfer));
+    } catch (...) {
+        // An event that cannot be sent is lost, like one the gateway never receives.
+    }
+}
+
+// No URL comes out only when the base is empty or is not an RFC 3986 reference (uriparser refuses
+// it: a space, a bad percent escape, a broken IP literal...). A base without a scheme still
+// resolves (it just cannot be sent), because section 5.2 only takes the scheme and authority over.
+std::optional<std::string> HTTPBridgeGatewayClient::resolve(const std::string& baseURL, const std::string& path) {
+    if (baseURL.empty()) return std::nullopt;
+    ParsedReference given(baseURL);
+    if (!given.parsed()) return std::nullopt;
+    bool relativeBase = !given.hasScheme();
+    std::string placeholderPrefix = std::string(placeholderScheme) + ":";
+    ParsedReference base(relativeBase ? placeholderPrefix + baseURL : baseURL);
+    ParsedReference reference(path);
+    if (!base.parsed() || !reference.parsed()) return std::nullopt;
+
+    UriUriA resolved{};
+    // On failure the resolver has already freed what it built.
+    if (uriAddBaseUriA(&resolved, reference.uri(), base.uri()) != URI_SUCCESS) return std::nullopt;
+    std::optional<std::string> text = uriText(&resolved);
+    uriFreeUriMembersA(&resolved);
+    if (text && relativeBase && text->starts_with(placeholderPrefix)) text->erase(0, placeholderPrefix.size());
+    return text;
+}
+
+} // namespace sentrova
