@@ -1,0 +1,158 @@
+#include "sentrova-dev-gateway/DevGatewayOptions.hpp"
+
+#include <filesystem>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+namespace sentrova {
+
+namespace {
+
+std::optional<int> parsePort(std::string_view word) {
+    if (word.empty() || word.size() > 5) {
+        return std::nullopt;
+    }
+    int port = 0;
+    for (char c : word) {
+        if (c < '0' || c > '9') {
+            return std::nullopt;
+        }
+        port = port * 10 + (c - '0');
+    }
+    return port <= 65535 ? std::optional<int>(port) : std::nullopt;
+}
+
+// Splits "host:port" or "[v6]:port" at the last colon.
+std::optional<std::pair<std::string, std::string>> splitHostPort(std::string_view word) {
+    const std::size_t colon = word.rfind(':');
+    if (colon == std::string_view::npos) {
+        return std::nullopt;
+    }
+    return std::make_pair(std::string(word.substr(0, colon)), std::string(word.substr(colon + 1)));
+}
+
+} // namespace
+
+std::optional<std::string> loopbackAddress(std::string_view host) {
+    if (host == "localhost") {
+        return "127.0.0.1";
+    }
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
+        host = host.substr(1, host.size() - 2);
+    }
+    const std::string text(host);
+    in_addr v4{};
+    if (inet_pton(AF_INET, text.c_str(), &v4) == 1) {
+        return (ntohl(v4.s_addr) >> 24) == 127 ? std::optional<std::string>(text) : std::nullopt;
+    }
+    in6_addr v6{};
+    if (inet_pton(AF_INET6, text.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6)) {
+        return text;
+    }
+    return std::nullopt;
+}
+
+std::variant<DevGatewayOptions, DevGatewayOptionsError> parseDevGatewayOptions(
+    const std::vector<std::string>& args, const std::map<std::string, std::string>& env) {
+    DevGatewayOptions options;
+    if (auto token = env.find("SENTROVA_GATEWAY_TOKEN"); token != env.end() && !token->second.empty()) {
+        options.token = token->second;
+    }
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        std::string word = args[i];
+        if (word == "--help" || word == "-h") {
+            options.help = true;
+            continue;
+        }
+        // Both "--option value" and "--option=value".
+        std::optional<std::string> value;
+        if (const std::size_t equals = word.find('='); word.rfind("--", 0) == 0 && equals != std::string::npos) {
+            value = word.substr(equals + 1);
+            word.resize(equals);
+        }
+        const bool known = word == "--listen" || word == "--port" || word == "--token" || word == "--policy" ||
+                           word == "--audit-log";
+        if (!known) {
+            return DevGatewayOptionsError{"unknown argument " + args[i]};
+        }
+        if (!value) {
+            if (i + 1 >= args.size()) {
+                return DevGatewayOptionsError{"missing value for " + word};
+            }
+            value = args[++i];
+        }
+        if (word == "--listen") {
+            const auto parts = splitHostPort(*value);
+            const std::optional<int> port = parts ? parsePort(parts->second) : std::nullopt;
+            if (!port) {
+                return DevGatewayOptionsError{"--listen takes HOST:PORT, not " + *value};
+            }
+            const std::optional<std::string> address = loopbackAddress(parts->first);
+            if (!address) {
+                return DevGatewayOptionsError{"refusing to listen on " + parts->first +
+                                              ": only loopback addresses (127.0.0.0/8, localhost, [::1]) are allowed"};
+            }
+            options.host = *address;
+            options.port = *port;
+        } else if (word == "--port") {
+            const std::optional<int> port = parsePort(*value);
+            if (!port) {
+                return DevGatewayOptionsError{"--port takes a number from 0 to 65535, not " + *value};
+            }
+            options.port = *port;
+        } else if (word == "--token") {
+            options.token = *value;
+        } else if (word == "--policy") {
+            options.policyPath = *value;
+        } else {
+            options.auditLogPath = *value;
+        }
+    }
+    return options;
+}
+
+std::string resolveAuditLogPath(const DevGatewayOptions& options) {
+    namespace fs = std::filesystem;
+    const fs::path name{std::string(kDefaultAuditLogName)};
+    if (options.auditLogPath) {
+        const fs::path given(*options.auditLogPath);
+        std::error_code error;
+        if (fs::is_directory(given, error) || options.auditLogPath->ends_with('/')) {
+            return (given / name).string();
+        }
+        return given.string();
+    }
+    if (options.policyPath) {
+        return (fs::path(*options.policyPath).parent_path() / name).string();
+    }
+    return name.string();
+}
+
+std::string listenURL(const std::string& host, int port) {
+    const bool v6 = host.find(':') != std::string::npos;
+    return "http://" + (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
+std::string devGatewayUsage() {
+    return "usage: sentrova-dev-gateway [--listen HOST:PORT] [--port PORT] [--policy FILE]\n"
+           "                            [--audit-log FILE|DIR] [--token TOKEN]\n"
+           "\n"
+           "A local policy gateway for sentrova-mcp-bridge: answers POST /v1/toolcall from the\n"
+           "rules of a JSON policy file and records every question and event (POST /v1/event)\n"
+           "in a JSON Lines audit log; screenshots are saved as image files beside the log.\n"
+           "\n"
+           "  --listen HOST:PORT  loopback address to serve on (default 127.0.0.1:8787; port 0\n"
+           "                      picks a free port, printed on the first line of output)\n"
+           "  --port PORT         port only, on 127.0.0.1\n"
+           "  --policy FILE       JSON policy; without one every call is denied\n"
+           "  --audit-log PATH    log file, or a directory for sentrova-audit.jsonl (default:\n"
+           "                      beside the policy file, else the working directory)\n"
+           "  --token TOKEN       require \"Authorization: Bearer TOKEN\" (default: the value of\n"
+           "                      SENTROVA_GATEWAY_TOKEN, when set and not empty)\n"
+           "\n"
+           "Exit status: 0 after SIGINT or SIGTERM, 64 for a command-line error, 2 for a bad\n"
+           "policy file, 73 when the audit log cannot be opened, 69 when the address is in use.\n";
+}
+
+} // namespace sentrova
