@@ -1,0 +1,213 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <limits>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "MCPBridgeCore/BridgeScheduler.hpp"
+
+using namespace std::chrono_literals;
+using sentrova::BridgeCancellable;
+using sentrova::DispatchBridgeScheduler;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// Polls until the condition holds or the (generous) limit passes.
+template <typename Condition>
+bool eventually(Condition condition, std::chrono::milliseconds limit = 5000ms) {
+    const auto until = Clock::now() + limit;
+    while (!condition()) {
+        if (Clock::now() > until) {
+            return false;
+        }
+        std::this_thread::sleep_for(2ms);
+    }
+    return true;
+}
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+} // namespace
+
+TEST(BridgeSchedulerTests, FirstRunComesOneIntervalLaterOnAnotherThread) {
+    DispatchBridgeScheduler scheduler;
+    std::atomic<int> runs{0};
+    std::atomic<double> firstRunAfter{-1.0};
+    std::thread::id actionThread;
+    const auto start = Clock::now();
+    auto handle = scheduler.scheduleRepeating(0.3, [&] {
+        if (runs.fetch_add(1) == 0) {
+            actionThread = std::this_thread::get_id();
+            firstRunAfter = secondsSince(start);
+        }
+    });
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(runs.load(), 0) << "the action must not run at the moment of scheduling";
+    ASSERT_TRUE(eventually([&] { return runs.load() >= 2; }));
+    handle->cancel();
+    EXPECT_GE(firstRunAfter.load(), 0.29);
+    EXPECT_NE(actionThread, std::this_thread::get_id());
+}
+
+TEST(BridgeSchedulerTests, CancelledHandlesNeverRunAgain) {
+    DispatchBridgeScheduler scheduler;
+
+    // Cancelled before the first firing: nothing at all.
+    std::atomic<int> early{0};
+    auto never = scheduler.scheduleRepeating(0.05, [&] { ++early; });
+    never->cancel();
+
+    // Cancelled twice and from two threads at once: no error, no further run.
+    std::atomic<int> raced{0};
+    auto contested = scheduler.scheduleRepeating(0.01, [&] { ++raced; });
+    ASSERT_TRUE(eventually([&] { return raced.load() >= 1; }));
+    std::thread first([&] { contested->cancel(); });
+    std::thread second([&] { contested->cancel(); });
+    first.join();
+    second.join();
+    contested->cancel();
+    const int racedAtCancel = raced.load();
+
+    // An action that cancels its own timer is the run in progress; none follows it.
+    std::atomic<int> selfRuns{0};
+    std::mutex handleLock;
+    std::shared_ptr<BridgeCancellable> self;
+    {
+        std::lock_guard<std::mutex> hold(handleLock);
+        self = scheduler.scheduleRepeating(0.01, [&] {
+            if (++selfRuns == 3) {
+                std::lock_guard<std::mutex> hold(handleLock);
+                self->cancel();
+            }
+        });
+    }
+    ASSERT_TRUE(eventually([&] { return selfRuns.load() >= 3; }));
+
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(early.load(), 0);
+    EXPECT_LE(raced.load(), racedAtCancel + 1) << "at most the run already under way may finish";
+    EXPECT_EQ(selfRuns.load(), 3);
+}
+
+TEST(BridgeSchedulerTests, NoRunStartsAfterCancelReturnedWhileActionsAreBusy) {
+    DispatchBridgeScheduler scheduler;
+    std::atomic<bool> cancelReturned{false};
+    std::atomic<int> startedAfterCancel{0};
+    std::atomic<int> runs{0};
+    std::atomic<bool> inAction{false};
+    auto handle = scheduler.scheduleRepeating(0.01, [&] {
+        inAction = true;
+        if (cancelReturned.load()) {
+            ++startedAfterCancel;
+        }
+        ++runs;
+        std::this_thread::sleep_for(3ms);
+        inAction = false;
+    });
+    ASSERT_TRUE(eventually([&] { return runs.load() >= 3; }));
+    // Cancel while an action is likely running; cancel() must not wait for it.
+    ASSERT_TRUE(eventually([&] { return inAction.load(); }));
+    const auto before = Clock::now();
+    handle->cancel();
+    const bool runningAtReturn = inAction.load();
+    cancelReturned = true;
+    EXPECT_LT(secondsSince(before), 1.0);
+    std::this_thread::sleep_for(200ms);
+    // A run decided just before cancel() returned may still be getting under way; nothing later.
+    EXPECT_LE(startedAfterCancel.load(), runningAtReturn ? 0 : 1);
+}
+
+TEST(BridgeSchedulerTests, TimersOfOneSchedulerNeverOverlap) {
+    DispatchBridgeScheduler scheduler;
+    std::atomic<bool> busy{false};
+    std::atomic<int> overlaps{0};
+    std::atomic<int> runsA{0};
+    std::atomic<int> runsB{0};
+    auto action = [&](std::atomic<int>& runs) {
+        if (busy.exchange(true)) {
+            ++overlaps;
+        }
+        std::this_thread::sleep_for(4ms);
+        busy = false;
+        ++runs;
+    };
+    auto a = scheduler.scheduleRepeating(0.01, [&] { action(runsA); });
+    auto b = scheduler.scheduleRepeating(0.01, [&] { action(runsB); });
+    ASSERT_TRUE(eventually([&] { return runsA.load() >= 5 && runsB.load() >= 5; }));
+    a->cancel();
+    b->cancel();
+    EXPECT_EQ(overlaps.load(), 0);
+}
+
+TEST(BridgeSchedulerTests, LateFiringsMergeIntoOneRun) {
+    DispatchBridgeScheduler scheduler;
+    std::mutex lock;
+    std::vector<double> starts;
+    const auto origin = Clock::now();
+    auto handle = scheduler.scheduleRepeating(0.1, [&] {
+        std::size_t index = 0;
+        {
+            std::lock_guard<std::mutex> hold(lock);
+            index = starts.size();
+            starts.push_back(secondsSince(origin));
+        }
+        if (index == 0) {
+            std::this_thread::sleep_for(450ms); // four firings fall due meanwhile
+        }
+    });
+    ASSERT_TRUE(eventually([&] {
+        std::lock_guard<std::mutex> hold(lock);
+        return starts.size() >= 4;
+    }));
+    handle->cancel();
+    std::lock_guard<std::mutex> hold(lock);
+    // One merged run right after the long one, then the normal rhythm: no burst of catch-up runs.
+    EXPECT_GE(starts[1] - starts[0], 0.44);
+    for (std::size_t i = 2; i < starts.size(); ++i) {
+        EXPECT_GE(starts[i] - starts[i - 1], 0.03) << "run " << i;
+    }
+}
+
+TEST(BridgeSchedulerTests, UnusableIntervalsNeverFireAndTinyOnesAreSlowedDown) {
+    DispatchBridgeScheduler scheduler;
+    std::atomic<int> invalidRuns{0};
+    std::vector<std::shared_ptr<BridgeCancellable>> handles;
+    for (double interval : {0.0, -1.0, std::nan(""), std::numeric_limits<double>::infinity(), 1.0e300}) {
+        handles.push_back(scheduler.scheduleRepeating(interval, [&] { ++invalidRuns; }));
+    }
+    std::atomic<int> tinyRuns{0};
+    const auto start = Clock::now();
+    auto tiny = scheduler.scheduleRepeating(1.0e-9, [&] { ++tinyRuns; });
+    ASSERT_TRUE(eventually([&] { return tinyRuns.load() >= 1; }));
+    std::this_thread::sleep_for(200ms);
+    tiny->cancel();
+    const double elapsed = secondsSince(start);
+    for (auto& handle : handles) {
+        handle->cancel();
+        handle->cancel();
+    }
+    EXPECT_EQ(invalidRuns.load(), 0);
+    // At most one run per 10 ms floor (plus the one under way when cancelled).
+    EXPECT_LE(tinyRuns.load(), static_cast<int>(elapsed / 0.010) + 2);
+}
+
+TEST(BridgeSchedulerTests, HandlesOutliveTheSchedulerAndDroppedHandlesStopTheirTimer) {
+    std::atomic<int> dropped{0};
+    std::shared_ptr<BridgeCancellable> survivor;
+    {
+        DispatchBridgeScheduler scheduler;
+        scheduler.scheduleRepeating(0.01, [&] { ++dropped; }); // handle discarded at once
+        survivor = scheduler.scheduleRepeating(0.01, [] {});
+        std::this_thread::sleep_for(100ms);
+    } // joins the worker although a timer is still armed
+    survivor->cancel();
+    survivor.reset();
+    EXPECT_EQ(dropped.load(), 0);
+}
