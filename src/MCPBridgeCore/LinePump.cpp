@@ -1,5 +1,105 @@
-// STUB: replaced by the real implementation.
 #include "MCPBridgeCore/LinePump.hpp"
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include <poll.h>
+#include <unistd.h>
+
 namespace sentrova {
-void pumpLines(int, const std::function<void(std::string)>&) {}
+
+namespace {
+
+constexpr std::size_t initialCapacity = 256 * 1024;
+constexpr std::size_t minimumReadSize = 64 * 1024;
+
+// One pump's bytes: [start, end) is read and not yet handed on; [0, start) is spent.
+// Lines are consumed by moving start forward; the live bytes are moved to the front only
+// when the free tail gets short, so a long line is moved at most once before it grows.
+class PumpBuffer {
+public:
+    PumpBuffer() : data_(new char[initialCapacity]), capacity_(initialCapacity) {}
+
+    // Room for at least minimumReadSize bytes after end.
+    void reserveTail() {
+        if (capacity_ - end_ >= minimumReadSize) return;
+        if (start_ > 0) {
+            std::memmove(data_.get(), data_.get() + start_, end_ - start_);
+            end_ -= start_;
+            scanned_ -= start_;
+            start_ = 0;
+        }
+        if (capacity_ - end_ >= minimumReadSize) return;
+        std::size_t grown = capacity_ * 2;
+        while (grown - end_ < minimumReadSize) grown *= 2;
+        std::unique_ptr<char[]> bigger(new char[grown]); // uninitialised on purpose
+        std::memcpy(bigger.get(), data_.get(), end_);
+        data_ = std::move(bigger);
+        capacity_ = grown;
+    }
+
+    char* tail() { return data_.get() + end_; }
+    std::size_t tailSize() const { return capacity_ - end_; }
+    void appended(std::size_t count) { end_ += count; }
+
+    // Hands every complete non-empty line to the sink, each as its own string.
+    void deliverLines(const std::function<void(std::string)>& sink) {
+        char* const base = data_.get();
+        while (scanned_ < end_) {
+            const void* found = std::memchr(base + scanned_, '\n', end_ - scanned_);
+            if (found == nullptr) {
+                scanned_ = end_; // the next search starts with the next read's bytes
+                break;
+            }
+            const std::size_t lineEnd = static_cast<std::size_t>(static_cast<const char*>(found) - base);
+            if (lineEnd > start_) sink(std::string(base + start_, lineEnd - start_));
+            start_ = scanned_ = lineEnd + 1;
+        }
+        if (start_ == end_) start_ = end_ = scanned_ = 0;
+    }
+
+    void deliverRest(const std::function<void(std::string)>& sink) {
+        if (end_ > start_) sink(std::string(data_.get() + start_, end_ - start_));
+        start_ = end_ = scanned_ = 0;
+    }
+
+private:
+    std::unique_ptr<char[]> data_;
+    std::size_t capacity_;
+    std::size_t start_ = 0;
+    std::size_t end_ = 0;
+    std::size_t scanned_ = 0; // no LF in [start, scanned)
+};
+
+// Whatever the stream has now, waiting for at least one byte. 0 at the end of the stream;
+// a read error counts as the end too.
+std::size_t readSome(int fd, char* into, std::size_t capacity) {
+    for (;;) {
+        const ssize_t count = ::read(fd, into, capacity);
+        if (count >= 0) return static_cast<std::size_t>(count);
+        if (errno == EINTR) continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            // A descriptor inherited in non-blocking mode: wait for it instead of ending the pump.
+            pollfd readable{fd, POLLIN, 0};
+            if (::poll(&readable, 1, -1) >= 0 || errno == EINTR) continue;
+        }
+        return 0;
+    }
 }
+
+} // namespace
+
+void pumpLines(int fd, const std::function<void(std::string line)>& sink) {
+    PumpBuffer buffer;
+    for (;;) {
+        buffer.reserveTail();
+        const std::size_t count = readSome(fd, buffer.tail(), buffer.tailSize());
+        if (count == 0) break;
+        buffer.appended(count);
+        buffer.deliverLines(sink);
+    }
+    buffer.deliverRest(sink);
+}
+
+} // namespace sentrova
