@@ -1,37 +1,1065 @@
-// STUB: replaced by the real implementation.
 #include "MCPBridgeCore/Json.hpp"
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace sentrova {
-Json::Json() noexcept : i_(0) {}
-Json::~Json() {}
-Json::Json(const Json&) : i_(0) {}
-Json::Json(Json&&) noexcept : i_(0) {}
-Json& Json::operator=(const Json&) { return *this; }
-Json& Json::operator=(Json&&) noexcept { return *this; }
-Json Json::null() { return {}; }
-Json Json::boolean(bool) { return {}; }
-Json Json::integer(std::int64_t) { return {}; }
-Json Json::unsignedInteger(std::uint64_t) { return {}; }
-Json Json::real(double) { return {}; }
-Json Json::string(std::string) { return {}; }
-Json Json::array(Array) { return {}; }
-Json Json::object(Object) { return {}; }
-bool Json::isNumber() const noexcept { return false; }
-bool Json::isNumberLiteral() const noexcept { return false; }
-bool Json::boolValue() const noexcept { return false; }
-std::int64_t Json::intValue() const noexcept { return 0; }
-std::uint64_t Json::uintValue() const noexcept { return 0; }
-double Json::realValue() const noexcept { return 0; }
-std::optional<double> Json::numberValue() const noexcept { return {}; }
-const std::string& Json::stringValue() const noexcept { static std::string s; return s; }
-const Json::Array& Json::arrayValue() const noexcept { static Array a; return a; }
-const Json::Object& Json::objectValue() const noexcept { static Object o; return o; }
-std::string& Json::mutableString() noexcept { static std::string s; return s; }
-Json::Array& Json::mutableArray() noexcept { static Array a; return a; }
-Json::Object& Json::mutableObject() noexcept { static Object o; return o; }
-const Json* Json::find(std::string_view) const noexcept { return nullptr; }
-bool operator==(const Json&, const Json&) { return false; }
-std::optional<Json> parseJson(std::string_view) { return {}; }
-std::optional<std::string> writeJson(const Json&, JsonWriteOptions) { return {}; }
-void appendJsonString(std::string&, std::string_view, JsonWriteOptions) {}
-bool jsonKeyLess(std::string_view a, std::string_view b) noexcept { return a < b; }
+
+// ---------------------------------------------------------------------------------------------
+// Whole-tree operations. A line may nest a million levels deep, so copying, destroying and
+// comparing walk the tree with explicit work lists instead of recursing.
+
+class JsonTreeOps {
+public:
+    using CopyTask = std::pair<const Json*, Json*>;
+
+    static Json makeString(const char* data, std::size_t size) {
+        Json json;
+        json.s_ = new std::string(data, size);
+        json.type_ = Json::Type::string;
+        return json;
+    }
+
+    static bool isContainer(const Json& value) noexcept {
+        return value.type_ == Json::Type::array || value.type_ == Json::Type::object;
+    }
+
+    // Copies one node; a container gets null slots that the caller fills from the work list.
+    static void copyNode(const Json& source, Json& target, std::vector<CopyTask>& pending) {
+        switch (source.type_) {
+        case Json::Type::string:
+            target.s_ = new std::string(*source.s_);
+            target.type_ = Json::Type::string;
+            return;
+        case Json::Type::array:
+            target.a_ = new Json::Array(source.a_->size());
+            target.type_ = Json::Type::array;
+            if (!source.a_->empty()) pending.emplace_back(&source, &target);
+            return;
+        case Json::Type::object:
+            target.o_ = new Json::Object(source.o_->size());
+            target.type_ = Json::Type::object;
+            if (!source.o_->empty()) pending.emplace_back(&source, &target);
+            return;
+        default:
+            target.u_ = source.u_;
+            target.type_ = source.type_;
+            return;
+        }
+    }
+
+    // target must be null on entry.
+    static void copyTree(const Json& source, Json& target) {
+        if (!isContainer(source)) {
+            std::vector<CopyTask> none;
+            copyNode(source, target, none);
+            return;
+        }
+        std::vector<CopyTask> pending;
+        copyNode(source, target, pending);
+        while (!pending.empty()) {
+            auto [from, to] = pending.back();
+            pending.pop_back();
+            if (from->type_ == Json::Type::array) {
+                const Json::Array& elements = *from->a_;
+                Json::Array& copies = *to->a_;
+                for (std::size_t i = 0; i < elements.size(); ++i) copyNode(elements[i], copies[i], pending);
+            } else {
+                const Json::Object& members = *from->o_;
+                Json::Object& copies = *to->o_;
+                for (std::size_t i = 0; i < members.size(); ++i) {
+                    copies[i].key = members[i].key;
+                    copyNode(members[i].value, copies[i].value, pending);
+                }
+            }
+        }
+    }
+
+    // Moves every container child of node onto the work list, leaving node flat.
+    static void detachContainers(Json& node, std::vector<Json>& pending) {
+        if (node.type_ == Json::Type::array) {
+            for (Json& element : *node.a_) {
+                if (isContainer(element)) pending.push_back(std::move(element));
+            }
+        } else if (node.type_ == Json::Type::object) {
+            for (JsonMember& member : *node.o_) {
+                if (isContainer(member.value)) pending.push_back(std::move(member.value));
+            }
+        }
+    }
+
+    static bool hasContainerChild(const Json& node) noexcept {
+        if (node.type_ == Json::Type::array) {
+            return std::any_of(node.a_->begin(), node.a_->end(), [](const Json& e) { return isContainer(e); });
+        }
+        return std::any_of(node.o_->begin(), node.o_->end(), [](const JsonMember& m) { return isContainer(m.value); });
+    }
+
+    // Frees a container whose children may be containers. Each node popped from the work list
+    // is made flat before its own destructor runs, so no destructor nests more than one level.
+    static void destroyTree(Json& root) noexcept {
+        std::vector<Json> pending;
+        detachContainers(root, pending);
+        freeFlat(root);
+        while (!pending.empty()) {
+            Json node = std::move(pending.back());
+            pending.pop_back();
+            detachContainers(node, pending);
+        }
+    }
+
+    static void freeFlat(Json& node) noexcept {
+        if (node.type_ == Json::Type::array) delete node.a_;
+        else if (node.type_ == Json::Type::object) delete node.o_;
+        else if (node.type_ == Json::Type::string) delete node.s_;
+        node.type_ = Json::Type::null;
+        node.u_ = 0;
+    }
+
+    static bool sameScalar(const Json& a, const Json& b) noexcept {
+        switch (a.type_) {
+        case Json::Type::null: return true;
+        case Json::Type::boolean: return a.b_ == b.b_;
+        case Json::Type::integer: return a.i_ == b.i_;
+        case Json::Type::unsignedInteger: return a.u_ == b.u_;
+        case Json::Type::real: return a.d_ == b.d_ || (std::isnan(a.d_) && std::isnan(b.d_));
+        case Json::Type::string: return *a.s_ == *b.s_;
+        default: return false;
+        }
+    }
+
+    static bool equalTrees(const Json& a, const Json& b) {
+        if (a.type_ != b.type_) return false;
+        if (!isContainer(a)) return sameScalar(a, b);
+        std::vector<std::pair<const Json*, const Json*>> pending{{&a, &b}};
+        while (!pending.empty()) {
+            auto [x, y] = pending.back();
+            pending.pop_back();
+            if (x->type_ != y->type_) return false;
+            if (x->type_ == Json::Type::array) {
+                if (x->a_->size() != y->a_->size()) return false;
+                for (std::size_t i = 0; i < x->a_->size(); ++i) pending.emplace_back(&(*x->a_)[i], &(*y->a_)[i]);
+            } else if (x->type_ == Json::Type::object) {
+                if (x->o_->size() != y->o_->size()) return false;
+                for (std::size_t i = 0; i < x->o_->size(); ++i) {
+                    if ((*x->o_)[i].key != (*y->o_)[i].key) return false;
+                    pending.emplace_back(&(*x->o_)[i].value, &(*y->o_)[i].value);
+                }
+            } else if (!sameScalar(*x, *y)) {
+                return false;
+            }
+        }
+        return true;
+    }
+};
+
+// ---------------------------------------------------------------------------------------------
+// Value model
+
+Json::Json() noexcept : u_(0) {}
+
+Json::Json(const Json& other) : u_(0) {
+    try {
+        copyFrom(other);
+    } catch (...) { // a half-built copy is still a valid tree: free it, as no destructor will
+        destroy();
+        throw;
+    }
 }
+
+Json& Json::operator=(const Json& other) {
+    if (this != &other) {
+        Json copy(other); // other may live inside this tree
+        destroy();
+        moveFrom(std::move(copy));
+    }
+    return *this;
+}
+
+Json& Json::operator=(Json&& other) noexcept {
+    if (this != &other) {
+        Json taken(std::move(other)); // other may live inside this tree
+        destroy();
+        moveFrom(std::move(taken));
+    }
+    return *this;
+}
+
+void Json::destroy() noexcept {
+    if ((type_ == Type::array || type_ == Type::object) && JsonTreeOps::hasContainerChild(*this)) {
+        JsonTreeOps::destroyTree(*this);
+    } else {
+        JsonTreeOps::freeFlat(*this);
+    }
+}
+
+void Json::copyFrom(const Json& other) { JsonTreeOps::copyTree(other, *this); }
+
+void Json::moveFrom(Json&& other) noexcept {
+    type_ = other.type_;
+    u_ = other.u_;
+    other.type_ = Type::null;
+    other.u_ = 0;
+}
+
+Json Json::null() { return {}; }
+
+Json Json::boolean(bool value) {
+    Json json;
+    json.type_ = Type::boolean;
+    json.b_ = value;
+    return json;
+}
+
+Json Json::integer(std::int64_t value) {
+    Json json;
+    json.type_ = Type::integer;
+    json.i_ = value;
+    return json;
+}
+
+Json Json::unsignedInteger(std::uint64_t value) {
+    Json json;
+    json.type_ = Type::unsignedInteger;
+    json.u_ = value;
+    return json;
+}
+
+Json Json::real(double value) {
+    Json json;
+    json.type_ = Type::real;
+    json.d_ = value;
+    return json;
+}
+
+Json Json::string(std::string value) {
+    Json json;
+    json.s_ = new std::string(std::move(value));
+    json.type_ = Type::string;
+    return json;
+}
+
+Json Json::array(Array elements) {
+    Json json;
+    json.a_ = new Array(std::move(elements));
+    json.type_ = Type::array;
+    return json;
+}
+
+Json Json::object(Object members) {
+    Json json;
+    json.o_ = new Object(std::move(members));
+    json.type_ = Type::object;
+    return json;
+}
+
+bool Json::isNumber() const noexcept { return type_ == Type::boolean || isNumberLiteral(); }
+
+bool Json::isNumberLiteral() const noexcept {
+    return type_ == Type::integer || type_ == Type::unsignedInteger || type_ == Type::real;
+}
+
+bool Json::boolValue() const noexcept { return type_ == Type::boolean && b_; }
+std::int64_t Json::intValue() const noexcept { return type_ == Type::integer ? i_ : 0; }
+std::uint64_t Json::uintValue() const noexcept { return type_ == Type::unsignedInteger ? u_ : 0; }
+double Json::realValue() const noexcept { return type_ == Type::real ? d_ : 0.0; }
+
+std::optional<double> Json::numberValue() const noexcept {
+    switch (type_) {
+    case Type::boolean: return b_ ? 1.0 : 0.0;
+    case Type::integer: return static_cast<double>(i_);
+    case Type::unsignedInteger: return static_cast<double>(u_);
+    case Type::real: return d_;
+    default: return std::nullopt;
+    }
+}
+
+const std::string& Json::stringValue() const noexcept {
+    static const std::string empty;
+    return type_ == Type::string ? *s_ : empty;
+}
+
+const Json::Array& Json::arrayValue() const noexcept {
+    static const Array empty;
+    return type_ == Type::array ? *a_ : empty;
+}
+
+const Json::Object& Json::objectValue() const noexcept {
+    static const Object empty;
+    return type_ == Type::object ? *o_ : empty;
+}
+
+std::string& Json::mutableString() noexcept {
+    if (type_ != Type::string) *this = string({});
+    return *s_;
+}
+
+Json::Array& Json::mutableArray() noexcept {
+    if (type_ != Type::array) *this = array();
+    return *a_;
+}
+
+Json::Object& Json::mutableObject() noexcept {
+    if (type_ != Type::object) *this = object();
+    return *o_;
+}
+
+const Json* Json::find(std::string_view key) const noexcept {
+    if (type_ != Type::object) return nullptr;
+    for (auto it = o_->rbegin(); it != o_->rend(); ++it) {
+        if (it->key == key) return &it->value;
+    }
+    return nullptr;
+}
+
+bool operator==(const Json& a, const Json& b) { return JsonTreeOps::equalTrees(a, b); }
+
+// ---------------------------------------------------------------------------------------------
+// Byte scanning
+
+namespace {
+
+constexpr char kReplacementCharacter[] = "\xEF\xBF\xBD"; // U+FFFD
+
+inline bool isDigit(char c) noexcept { return static_cast<unsigned char>(c - '0') < 10; }
+
+#if !defined(__SSE2__)
+// Word-at-a-time helpers: the high bit of each byte of the result marks a match.
+constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
+constexpr std::uint64_t kHighs = 0x8080808080808080ULL;
+inline std::uint64_t bytesEqual(std::uint64_t word, unsigned char c) noexcept {
+    std::uint64_t x = word ^ (kOnes * c);
+    return (x - kOnes) & ~x & kHighs;
+}
+inline std::uint64_t bytesBelow(std::uint64_t word, unsigned char c) noexcept { return (word - kOnes * c) & ~word & kHighs; }
+inline std::uint64_t loadWord(const char* p) noexcept {
+    std::uint64_t word;
+    std::memcpy(&word, p, sizeof word);
+    return word;
+}
+#endif
+
+// The first byte at or after p that ends a plain run inside a string being read: a quote, a
+// backslash, a control character, or any byte of a multi-byte UTF-8 sequence.
+inline const char* skipPlainStringBytes(const char* p, const char* end) noexcept {
+#if defined(__SSE2__)
+    const __m128i quote = _mm_set1_epi8('"');
+    const __m128i backslash = _mm_set1_epi8('\\');
+    const __m128i space = _mm_set1_epi8(0x20);
+    // Signed comparison: bytes from 0x80 up are negative, so one test finds controls and non-ASCII.
+    auto special = [&](__m128i v) {
+        return _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, backslash)),
+                            _mm_cmplt_epi8(v, space));
+    };
+    while (end - p >= 64) {
+        __m128i s0 = special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+        __m128i s1 = special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)));
+        __m128i s2 = special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32)));
+        __m128i s3 = special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 48)));
+        __m128i any = _mm_or_si128(_mm_or_si128(s0, s1), _mm_or_si128(s2, s3));
+        if (_mm_movemask_epi8(any) != 0) {
+            std::uint64_t mask = static_cast<std::uint32_t>(_mm_movemask_epi8(s0)) |
+                                 static_cast<std::uint64_t>(static_cast<std::uint32_t>(_mm_movemask_epi8(s1))) << 16 |
+                                 static_cast<std::uint64_t>(static_cast<std::uint32_t>(_mm_movemask_epi8(s2))) << 32 |
+                                 static_cast<std::uint64_t>(static_cast<std::uint32_t>(_mm_movemask_epi8(s3))) << 48;
+            return p + std::countr_zero(mask);
+        }
+        p += 64;
+    }
+    while (end - p >= 16) {
+        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)))));
+        if (mask != 0) return p + std::countr_zero(mask);
+        p += 16;
+    }
+#else
+    if constexpr (std::endian::native == std::endian::little) {
+        while (end - p >= 8) {
+            std::uint64_t word = loadWord(p);
+            std::uint64_t hits = bytesEqual(word, '"') | bytesEqual(word, '\\') | bytesBelow(word, 0x20) | (word & kHighs);
+            if (hits != 0) return p + std::countr_zero(hits) / 8;
+            p += 8;
+        }
+    }
+#endif
+    while (p < end) {
+        auto c = static_cast<unsigned char>(*p);
+        if (c == '"' || c == '\\' || c < 0x20 || c >= 0x80) return p;
+        ++p;
+    }
+    return end;
+}
+
+// The first byte at or after p that the writer must escape.
+inline const char* skipUnescapedBytes(const char* p, const char* end, bool escapeSlash) noexcept {
+#if defined(__SSE2__)
+    const __m128i quote = _mm_set1_epi8('"');
+    const __m128i backslash = _mm_set1_epi8('\\');
+    // Without the slash option this compares against the quote a second time, which finds nothing new.
+    const __m128i slash = _mm_set1_epi8(escapeSlash ? '/' : '"');
+    const __m128i controlMax = _mm_set1_epi8(0x1F);
+    auto special = [&](__m128i v) {
+        __m128i control = _mm_cmpeq_epi8(_mm_subs_epu8(v, controlMax), _mm_setzero_si128()); // v <= 0x1F unsigned
+        return _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, backslash)),
+                            _mm_or_si128(_mm_cmpeq_epi8(v, slash), control));
+    };
+    while (end - p >= 16) {
+        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)))));
+        if (mask != 0) return p + std::countr_zero(mask);
+        p += 16;
+    }
+#else
+    if constexpr (std::endian::native == std::endian::little) {
+        while (end - p >= 8) {
+            std::uint64_t word = loadWord(p);
+            // Bytes from 0x80 up are never escaped; mask them out of the control test.
+            std::uint64_t hits = bytesEqual(word, '"') | bytesEqual(word, '\\') | (bytesBelow(word, 0x20) & ~word);
+            if (escapeSlash) hits |= bytesEqual(word, '/');
+            if (hits != 0) return p + std::countr_zero(hits) / 8;
+            p += 8;
+        }
+    }
+#endif
+    while (p < end) {
+        auto c = static_cast<unsigned char>(*p);
+        if (c == '"' || c == '\\' || c < 0x20 || (escapeSlash && c == '/')) return p;
+        ++p;
+    }
+    return end;
+}
+
+// Length of the well-formed UTF-8 sequence that starts at p (a byte from 0x80 up), or, when it
+// is ill-formed, the negated length of its maximal invalid prefix (at least 1 byte). Each such
+// prefix becomes one U+FFFD, as WHATWG's decoder (and so Node) does.
+inline std::ptrdiff_t utf8SequenceLength(const unsigned char* p, const unsigned char* end) noexcept {
+    const unsigned char lead = *p;
+    std::ptrdiff_t continuations;
+    unsigned char low = 0x80;
+    unsigned char high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        continuations = 1;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        continuations = 2;
+        if (lead == 0xE0) low = 0xA0;      // no overlong forms
+        else if (lead == 0xED) high = 0x9F; // no surrogates
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        continuations = 3;
+        if (lead == 0xF0) low = 0x90;       // no overlong forms
+        else if (lead == 0xF4) high = 0x8F; // nothing above U+10FFFF
+    } else {
+        return -1;
+    }
+    for (std::ptrdiff_t i = 1; i <= continuations; ++i) {
+        if (p + i >= end || p[i] < low || p[i] > high) return -i;
+        low = 0x80;
+        high = 0xBF;
+    }
+    return continuations + 1;
+}
+
+void appendUtf8(std::string& out, std::uint32_t codePoint) {
+    char bytes[4];
+    std::size_t length;
+    if (codePoint < 0x80) {
+        bytes[0] = static_cast<char>(codePoint);
+        length = 1;
+    } else if (codePoint < 0x800) {
+        bytes[0] = static_cast<char>(0xC0 | (codePoint >> 6));
+        bytes[1] = static_cast<char>(0x80 | (codePoint & 0x3F));
+        length = 2;
+    } else if (codePoint < 0x10000) {
+        bytes[0] = static_cast<char>(0xE0 | (codePoint >> 12));
+        bytes[1] = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
+        bytes[2] = static_cast<char>(0x80 | (codePoint & 0x3F));
+        length = 3;
+    } else {
+        bytes[0] = static_cast<char>(0xF0 | (codePoint >> 18));
+        bytes[1] = static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F));
+        bytes[2] = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
+        bytes[3] = static_cast<char>(0x80 | (codePoint & 0x3F));
+        length = 4;
+    }
+    out.append(bytes, length);
+}
+
+inline int hexDigit(char c) noexcept {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+inline bool readHex4(const char* p, std::uint32_t& value) noexcept {
+    value = 0;
+    for (int i = 0; i < 4; ++i) {
+        int digit = hexDigit(p[i]);
+        if (digit < 0) return false;
+        value = value << 4 | static_cast<std::uint32_t>(digit);
+    }
+    return true;
+}
+
+// The value of a number that std::from_chars found out of range: the position of its leading
+// non-zero digit plus its exponent tells an overflow (an infinity) from an underflow (a zero).
+double outOfRangeValue(const char* begin, const char* end) noexcept {
+    const char* p = begin;
+    const bool negative = *p == '-';
+    if (negative) ++p;
+    std::int64_t magnitude = 0; // decimal exponent of the leading non-zero digit, plus one
+    bool seenNonZero = false;
+    bool inFraction = false;
+    for (; p < end && (isDigit(*p) || *p == '.'); ++p) {
+        if (*p == '.') {
+            inFraction = true;
+        } else if (!seenNonZero) {
+            if (*p != '0') {
+                seenNonZero = true;
+                if (!inFraction) magnitude = 1;
+            } else if (inFraction) {
+                --magnitude;
+            }
+        } else if (!inFraction) {
+            if (magnitude < (std::int64_t{1} << 40)) ++magnitude;
+        }
+    }
+    const double zero = negative ? -0.0 : 0.0;
+    if (!seenNonZero) return zero;
+    std::int64_t exponent = 0;
+    if (p < end && (*p == 'e' || *p == 'E')) {
+        ++p;
+        bool negativeExponent = false;
+        if (*p == '+' || *p == '-') negativeExponent = *p++ == '-';
+        for (; p < end && isDigit(*p); ++p) {
+            if (exponent < (std::int64_t{1} << 40)) exponent = exponent * 10 + (*p - '0');
+        }
+        if (negativeExponent) exponent = -exponent;
+    }
+    if (magnitude + exponent > 0) return negative ? -std::numeric_limits<double>::infinity() : std::numeric_limits<double>::infinity();
+    return zero;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Reader. Values are built bottom-up on one value stack: a container, when it closes, takes the
+// values (and for an object the keys) pushed since it opened. Nesting lives in frames_, never on
+// the C++ stack.
+
+class JsonReader {
+public:
+    explicit JsonReader(std::string_view text) : begin_(text.data()), p_(text.data()), end_(text.data() + text.size()) {
+        // Enough for a typical message, so that the stacks do not grow step by step.
+        values_.reserve(32);
+        keys_.reserve(32);
+        frames_.reserve(16);
+    }
+
+    std::optional<Json> read() {
+        if (end_ - p_ >= 3 && std::memcmp(p_, "\xEF\xBB\xBF", 3) == 0) p_ += 3;
+        skipWhitespace();
+        if (p_ == end_ || (*p_ != '{' && *p_ != '[')) return std::nullopt;
+        bool expectValue = true;
+        for (;;) {
+            if (expectValue) {
+                // Whitespace before a value has already been skipped.
+                if (p_ == end_) return std::nullopt;
+                const char c = *p_;
+                if (c == '{') {
+                    ++p_;
+                    open(true);
+                    skipWhitespace();
+                    if (p_ != end_ && *p_ == '}') {
+                        ++p_;
+                        close();
+                        expectValue = false;
+                    } else if (!readKey()) {
+                        return std::nullopt;
+                    }
+                } else if (c == '[') {
+                    ++p_;
+                    open(false);
+                    skipWhitespace();
+                    if (p_ != end_ && *p_ == ']') {
+                        ++p_;
+                        close();
+                        expectValue = false;
+                    }
+                } else {
+                    if (!readScalar()) return std::nullopt;
+                    expectValue = false;
+                }
+            } else {
+                skipWhitespace();
+                if (frames_.empty()) break;
+                if (p_ == end_) return std::nullopt;
+                const char c = *p_;
+                const bool inObject = frames_.back().isObject;
+                if (c == ',') {
+                    ++p_;
+                    skipWhitespace();
+                    if (inObject && !readKey()) return std::nullopt;
+                    expectValue = true;
+                } else if (c == (inObject ? '}' : ']')) {
+                    ++p_;
+                    close();
+                } else {
+                    return std::nullopt;
+                }
+            }
+        }
+        if (p_ != end_) return std::nullopt;
+        return std::move(values_.back());
+    }
+
+private:
+    struct Frame {
+        bool isObject;
+        std::size_t firstValue;
+        std::size_t firstKey;
+    };
+
+    // A member name waiting for its object to close: a span of the input when it needed no
+    // decoding, else a span of decodedKeys_. The name's string is then built once, in place.
+    struct PendingKey {
+        bool decoded;
+        std::size_t offset;
+        std::size_t size;
+    };
+
+    void skipWhitespace() noexcept {
+        // Compact lines have no whitespace: one comparison settles the common case.
+        while (p_ != end_ && static_cast<unsigned char>(*p_) <= ' ' &&
+               (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) {
+            ++p_;
+        }
+    }
+
+    void open(bool isObject) { frames_.push_back({isObject, values_.size(), keys_.size()}); }
+
+    void close() {
+        const Frame frame = frames_.back();
+        frames_.pop_back();
+        const auto firstValue = values_.begin() + static_cast<std::ptrdiff_t>(frame.firstValue);
+        if (!frame.isObject) {
+            Json::Array elements(std::make_move_iterator(firstValue), std::make_move_iterator(values_.end()));
+            values_.erase(firstValue, values_.end());
+            values_.push_back(Json::array(std::move(elements)));
+            return;
+        }
+        Json::Object members;
+        members.reserve(values_.size() - frame.firstValue);
+        for (std::size_t v = frame.firstValue, k = frame.firstKey; v < values_.size(); ++v, ++k) {
+            const PendingKey& key = keys_[k];
+            const char* name = key.decoded ? decodedKeys_.data() + key.offset : begin_ + key.offset;
+            members.push_back(JsonMember{std::string(name, key.size), std::move(values_[v])});
+        }
+        values_.erase(firstValue, values_.end());
+        keys_.resize(frame.firstKey);
+        if (keys_.empty()) decodedKeys_.clear(); // no outer name still points into it
+        values_.push_back(Json::object(std::move(members)));
+    }
+
+    // A member name, the whitespace after it and the colon; then the whitespace before the value.
+    bool readKey() {
+        if (p_ == end_ || *p_ != '"') return false;
+        const char* const start = ++p_;
+        const char* const stop = skipPlainStringBytes(p_, end_);
+        if (stop != end_ && *stop == '"') {
+            keys_.push_back({false, static_cast<std::size_t>(start - begin_), static_cast<std::size_t>(stop - start)});
+            p_ = stop + 1;
+        } else {
+            const std::size_t offset = decodedKeys_.size();
+            p_ = stop;
+            if (!readString(decodedKeys_, start)) return false;
+            keys_.push_back({true, offset, decodedKeys_.size() - offset});
+        }
+        skipWhitespace();
+        if (p_ == end_ || *p_ != ':') return false;
+        ++p_;
+        skipWhitespace();
+        return true;
+    }
+
+    bool readWord(std::string_view word) noexcept {
+        if (static_cast<std::size_t>(end_ - p_) < word.size() || std::memcmp(p_, word.data(), word.size()) != 0) return false;
+        p_ += word.size();
+        return true;
+    }
+
+    bool readScalar() {
+        switch (*p_) {
+        case '"': {
+            const char* const start = ++p_;
+            const char* const stop = skipPlainStringBytes(p_, end_);
+            if (stop != end_ && *stop == '"') {
+                values_.push_back(JsonTreeOps::makeString(start, static_cast<std::size_t>(stop - start)));
+                p_ = stop + 1;
+                return true;
+            }
+            p_ = stop;
+            std::string text;
+            if (!readString(text, start)) return false;
+            values_.push_back(Json::string(std::move(text)));
+            return true;
+        }
+        case 't':
+            if (!readWord("true")) return false;
+            values_.push_back(Json::boolean(true));
+            return true;
+        case 'f':
+            if (!readWord("false")) return false;
+            values_.push_back(Json::boolean(false));
+            return true;
+        case 'n':
+            if (!readWord("null")) return false;
+            values_.push_back(Json::null());
+            return true;
+        case 'N':
+            if (!readWord("NaN")) return false;
+            values_.push_back(Json::real(std::numeric_limits<double>::quiet_NaN()));
+            return true;
+        case 'I':
+            if (!readWord("Infinity")) return false;
+            values_.push_back(Json::real(std::numeric_limits<double>::infinity()));
+            return true;
+        default:
+            return readNumber();
+        }
+    }
+
+    bool readNumber() {
+        const char* const start = p_;
+        const bool negative = *p_ == '-';
+        if (negative) {
+            ++p_;
+            if (p_ != end_ && *p_ == 'I') {
+                if (!readWord("Infinity")) return false;
+                values_.push_back(Json::real(-std::numeric_limits<double>::infinity()));
+                return true;
+            }
+        }
+        const char* const digits = p_;
+        if (p_ == end_ || !isDigit(*p_)) return false;
+        if (*p_ == '0') {
+            ++p_;
+        } else {
+            while (p_ != end_ && isDigit(*p_)) ++p_;
+        }
+        const char* const digitsEnd = p_;
+        bool integral = true;
+        if (p_ != end_ && *p_ == '.') {
+            ++p_;
+            if (p_ == end_ || !isDigit(*p_)) return false;
+            while (p_ != end_ && isDigit(*p_)) ++p_;
+            integral = false;
+        }
+        if (p_ != end_ && (*p_ == 'e' || *p_ == 'E')) {
+            ++p_;
+            if (p_ != end_ && (*p_ == '+' || *p_ == '-')) ++p_;
+            if (p_ == end_ || !isDigit(*p_)) return false;
+            while (p_ != end_ && isDigit(*p_)) ++p_;
+            integral = false;
+        }
+        if (integral && digitsEnd - digits <= 20) {
+            std::uint64_t magnitude = 0;
+            bool fits = true;
+            for (const char* d = digits; d < digitsEnd; ++d) {
+                if (__builtin_mul_overflow(magnitude, 10u, &magnitude) ||
+                    __builtin_add_overflow(magnitude, static_cast<unsigned>(*d - '0'), &magnitude)) {
+                    fits = false;
+                    break;
+                }
+            }
+            constexpr auto kInt64Max = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+            if (fits && !negative) {
+                values_.push_back(magnitude <= kInt64Max ? Json::integer(static_cast<std::int64_t>(magnitude))
+                                                         : Json::unsignedInteger(magnitude));
+                return true;
+            }
+            if (fits && magnitude <= kInt64Max + 1) {
+                // "-0" reads as the integer 0.
+                values_.push_back(Json::integer(static_cast<std::int64_t>(0 - magnitude)));
+                return true;
+            }
+        }
+        double value = 0;
+        const auto [last, error] = std::from_chars(start, p_, value);
+        if (error == std::errc::result_out_of_range) {
+            value = outOfRangeValue(start, p_);
+        } else if (error != std::errc() || last != p_) {
+            return false;
+        }
+        values_.push_back(Json::real(value));
+        return true;
+    }
+
+    // Appends the string that started at start (after its quote) to out; p_ is at or before the
+    // first byte that needs a look. Plain runs are copied in bulk; only escapes and ill-formed
+    // UTF-8 break a run.
+    bool readString(std::string& out, const char* start) {
+        const char* run = start;
+        for (;;) {
+            p_ = skipPlainStringBytes(p_, end_);
+            if (p_ == end_) return false;
+            const auto c = static_cast<unsigned char>(*p_);
+            if (c == '"') {
+                out.append(run, p_);
+                ++p_;
+                return true;
+            }
+            if (c == '\\') {
+                out.append(run, p_);
+                ++p_;
+                if (!readEscape(out)) return false;
+                run = p_;
+                continue;
+            }
+            if (c < 0x20) return false;
+            const std::ptrdiff_t length = utf8SequenceLength(reinterpret_cast<const unsigned char*>(p_),
+                                                             reinterpret_cast<const unsigned char*>(end_));
+            if (length > 0) {
+                p_ += length;
+                continue;
+            }
+            out.append(run, p_);
+            out.append(kReplacementCharacter, 3);
+            p_ -= length;
+            run = p_;
+        }
+    }
+
+    // The escape after a backslash. A high surrogate pairs with a directly following low
+    // surrogate escape; any surrogate left alone becomes U+FFFD.
+    bool readEscape(std::string& out) {
+        if (p_ == end_) return false;
+        const char c = *p_++;
+        switch (c) {
+        case '"': out.push_back('"'); return true;
+        case '\\': out.push_back('\\'); return true;
+        case '/': out.push_back('/'); return true;
+        case 'b': out.push_back('\b'); return true;
+        case 'f': out.push_back('\f'); return true;
+        case 'n': out.push_back('\n'); return true;
+        case 'r': out.push_back('\r'); return true;
+        case 't': out.push_back('\t'); return true;
+        case 'u': break;
+        default: return false;
+        }
+        std::uint32_t codePoint;
+        if (end_ - p_ < 4 || !readHex4(p_, codePoint)) return false;
+        p_ += 4;
+        if (codePoint >= 0xD800 && codePoint <= 0xDBFF) {
+            std::uint32_t low;
+            if (end_ - p_ >= 6 && p_[0] == '\\' && p_[1] == 'u' && readHex4(p_ + 2, low) && low >= 0xDC00 && low <= 0xDFFF) {
+                codePoint = 0x10000 + ((codePoint - 0xD800) << 10) + (low - 0xDC00);
+                p_ += 6;
+            } else {
+                codePoint = 0xFFFD;
+            }
+        } else if (codePoint >= 0xDC00 && codePoint <= 0xDFFF) {
+            codePoint = 0xFFFD;
+        }
+        appendUtf8(out, codePoint);
+        return true;
+    }
+
+    const char* const begin_;
+    const char* p_;
+    const char* const end_;
+    std::vector<Json> values_;
+    std::vector<PendingKey> keys_;
+    std::string decodedKeys_; // names that held escapes or ill-formed UTF-8, decoded
+    std::vector<Frame> frames_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Writer. Recursion is bounded by kMaxWriteDepth.
+
+class JsonWriter {
+public:
+    JsonWriter(std::string& out, JsonWriteOptions options) : out_(out), options_(options) {}
+
+    bool write(const Json& value, std::size_t depth) {
+        switch (value.type()) {
+        case Json::Type::null: out_.append("null"); return true;
+        case Json::Type::boolean: out_.append(value.boolValue() ? "true" : "false"); return true;
+        case Json::Type::integer: appendDecimal(value.intValue()); return true;
+        case Json::Type::unsignedInteger: appendDecimal(value.uintValue()); return true;
+        case Json::Type::real: return appendReal(value.realValue());
+        case Json::Type::string: appendJsonString(out_, value.stringValue(), options_); return true;
+        case Json::Type::array: return depth < kMaxWriteDepth && writeArray(value.arrayValue(), depth + 1);
+        case Json::Type::object: return depth < kMaxWriteDepth && writeObject(value.objectValue(), depth + 1);
+        }
+        return false;
+    }
+
+private:
+    template <typename Integer>
+    void appendDecimal(Integer number) {
+        char digits[24];
+        const auto result = std::to_chars(digits, digits + sizeof digits, number);
+        out_.append(digits, result.ptr);
+    }
+
+    // Integral values below 2^53 print as integers (1.0 as 1, -0.0 as 0); everything else in
+    // the shortest text that reads back to the same double.
+    bool appendReal(double number) {
+        if (!std::isfinite(number)) return false;
+        if (std::trunc(number) == number && std::fabs(number) < 9007199254740992.0) {
+            appendDecimal(static_cast<std::int64_t>(number));
+            return true;
+        }
+        char text[32];
+        const auto result = std::to_chars(text, text + sizeof text, number);
+        out_.append(text, result.ptr);
+        return true;
+    }
+
+    bool writeArray(const Json::Array& elements, std::size_t depth) {
+        out_.push_back('[');
+        for (std::size_t i = 0; i < elements.size(); ++i) {
+            if (i != 0) out_.push_back(',');
+            if (!write(elements[i], depth)) return false;
+        }
+        out_.push_back(']');
+        return true;
+    }
+
+    bool writeObject(const Json::Object& members, std::size_t depth) {
+        // order_ is one stack shared by all open objects; this object owns the tail from base.
+        const std::size_t base = order_.size();
+        for (const JsonMember& member : members) order_.push_back(&member);
+        sortTail(base);
+        out_.push_back('{');
+        bool ok = true;
+        for (std::size_t i = base; i < base + members.size(); ++i) {
+            if (i != base) out_.push_back(',');
+            const JsonMember* member = order_[i];
+            appendJsonString(out_, member->key, options_);
+            out_.push_back(':');
+            if (!write(member->value, depth)) {
+                ok = false;
+                break;
+            }
+        }
+        order_.resize(base);
+        out_.push_back('}');
+        return ok;
+    }
+
+    void sortTail(std::size_t base) {
+        auto less = [](const JsonMember* a, const JsonMember* b) { return jsonKeyLess(a->key, b->key); };
+        const auto first = order_.begin() + static_cast<std::ptrdiff_t>(base);
+        if (order_.end() - first > 24) {
+            std::stable_sort(first, order_.end(), less);
+            return;
+        }
+        for (auto it = first + (first != order_.end() ? 1 : 0); it < order_.end(); ++it) {
+            const JsonMember* member = *it;
+            auto hole = it;
+            while (hole != first && less(member, *(hole - 1))) {
+                *hole = *(hole - 1);
+                --hole;
+            }
+            *hole = member;
+        }
+    }
+
+    std::string& out_;
+    JsonWriteOptions options_;
+    std::vector<const JsonMember*> order_;
+};
+
+inline char foldCase(unsigned char c) noexcept {
+    return static_cast<char>(c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c);
+}
+
+} // namespace
+
+std::optional<Json> parseJson(std::string_view text) {
+    try {
+        return JsonReader(text).read();
+    } catch (...) { // out of memory: the line is treated as unreadable
+        return std::nullopt;
+    }
+}
+
+std::optional<std::string> writeJson(const Json& value, JsonWriteOptions options) {
+    try {
+        std::string out;
+        JsonWriter writer(out, options);
+        if (!writer.write(value, 0)) return std::nullopt;
+        return out;
+    } catch (...) {
+        return std::nullopt;
+    }
+}
+
+void appendJsonString(std::string& out, std::string_view text, JsonWriteOptions options) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    out.reserve(out.size() + text.size() + 2);
+    out.push_back('"');
+    const char* p = text.data();
+    const char* const end = p + text.size();
+    const char* run = p;
+    for (;;) {
+        p = skipUnescapedBytes(p, end, options.escapeSlash);
+        if (p == end) break;
+        out.append(run, p);
+        const auto c = static_cast<unsigned char>(*p);
+        switch (c) {
+        case '"': out.append("\\\""); break;
+        case '\\': out.append("\\\\"); break;
+        case '/': out.append("\\/"); break;
+        case '\b': out.append("\\b"); break;
+        case '\f': out.append("\\f"); break;
+        case '\n': out.append("\\n"); break;
+        case '\r': out.append("\\r"); break;
+        case '\t': out.append("\\t"); break;
+        default: {
+            const char escape[6] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 0xF]};
+            out.append(escape, sizeof escape);
+        }
+        }
+        run = ++p;
+    }
+    out.append(run, end);
+    out.push_back('"');
+}
+
+bool jsonKeyLess(std::string_view a, std::string_view b) noexcept {
+    std::size_t i = 0;
+    std::size_t j = 0;
+    while (i < a.size() && j < b.size()) {
+        if (isDigit(a[i]) && isDigit(b[j])) {
+            // Digit runs compare by value: without leading zeros, the longer run is larger,
+            // equal lengths compare digit by digit. Equal values fall through to the next token.
+            std::size_t aEnd = i;
+            while (aEnd < a.size() && isDigit(a[aEnd])) ++aEnd;
+            std::size_t bEnd = j;
+            while (bEnd < b.size() && isDigit(b[bEnd])) ++bEnd;
+            while (i < aEnd && a[i] == '0') ++i;
+            while (j < bEnd && b[j] == '0') ++j;
+            if (aEnd - i != bEnd - j) return aEnd - i < bEnd - j;
+            const int order = std::memcmp(a.data() + i, b.data() + j, aEnd - i);
+            if (order != 0) return order < 0;
+            i = aEnd;
+            j = bEnd;
+            continue;
+        }
+        const char x = foldCase(static_cast<unsigned char>(a[i]));
+        const char y = foldCase(static_cast<unsigned char>(b[j]));
+        if (x != y) return static_cast<unsigned char>(x) < static_cast<unsigned char>(y);
+        ++i;
+        ++j;
+    }
+    if (i == a.size() && j == b.size()) return a < b; // equal under the collation: plain byte order
+    return i == a.size();
+}
+
+} // namespace sentrova

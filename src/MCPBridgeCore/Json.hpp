@@ -27,9 +27,16 @@ public:
     using Object = std::vector<JsonMember>; // every member, in input order (duplicates kept)
 
     Json() noexcept; // null
-    ~Json();         // iterative: destroying a deeply nested value never recurses
+    // Iterative: destroying a deeply nested value never recurses. Scalars need no work, which
+    // the inline test settles without a call.
+    ~Json() {
+        if (type_ >= Type::string) destroy();
+    }
     Json(const Json& other);
-    Json(Json&& other) noexcept;
+    Json(Json&& other) noexcept : type_(other.type_), u_(other.u_) {
+        other.type_ = Type::null;
+        other.u_ = 0;
+    }
     Json& operator=(const Json& other);
     Json& operator=(Json&& other) noexcept;
 
@@ -63,6 +70,7 @@ public:
     const std::string& stringValue() const noexcept; // only meaningful for strings
     const Array& arrayValue() const noexcept;        // only meaningful for arrays
     const Object& objectValue() const noexcept;      // only meaningful for objects
+    // Mutable access; a value of another type is first replaced by an empty one of the asked type.
     std::string& mutableString() noexcept;
     Array& mutableArray() noexcept;
     Object& mutableObject() noexcept;
@@ -74,6 +82,8 @@ public:
     friend bool operator==(const Json& a, const Json& b);
 
 private:
+    friend class JsonTreeOps; // iterative copy, destruction and comparison of whole trees
+
     void destroy() noexcept;
     void copyFrom(const Json& other);
     void moveFrom(Json&& other) noexcept;
@@ -101,15 +111,20 @@ struct JsonMember {
 // surrogate escapes inside strings become U+FFFD; numbers of any size are read (int64 or
 // uint64 when they fit exactly, else double, overflow to an infinity); NaN, Infinity and
 // -Infinity are numbers; nesting depth is unlimited. nullopt when the text is refused.
+// A number without fraction or exponent is an integer when it fits ("-0" is the integer 0);
+// any other number is a real ("1.0" stays the real 1, "-0.0" the real -0).
+// Invalid UTF-8 is replaced per maximal ill-formed subsequence, as WHATWG's decoder does.
 std::optional<Json> parseJson(std::string_view text);
 
 struct JsonWriteOptions {
     bool escapeSlash = false; // write "/" as "\/" (only the tool pin input asks for this)
 };
 
-// The canonical writer: compact, keys of every object sorted (see jsonKeyLess), UTF-8
-// unescaped. nullopt when the value holds a non-finite number or nests deeper than
-// kMaxWriteDepth, so that each caller's fallback applies.
+// The canonical writer: compact, keys of every object sorted (see jsonKeyLess; duplicate keys
+// all written, in their order), UTF-8 unescaped. A real that is integral and below 2^53 in
+// magnitude is written as an integer (1.0 as 1, -0.0 as 0); other reals in the shortest text
+// that reads back to the same double. nullopt when the value holds a non-finite number or
+// nests deeper than kMaxWriteDepth containers, so that each caller's fallback applies.
 inline constexpr std::size_t kMaxWriteDepth = 512;
 std::optional<std::string> writeJson(const Json& value, JsonWriteOptions options = {});
 
