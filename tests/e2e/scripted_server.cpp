@@ -4,8 +4,10 @@
 //   --echo                 write every received line back
 //   --record PATH          append every received line (plus LF) to PATH
 //   --tools JSON           answer tools/list with {"tools": JSON}
+//   --tools-file PATH      answer tools/list with {"tools": the text of PATH}, read anew each time
 //   --call-text TEXT       answer tools/call with one text block
 //   --call-image B64 MIME  answer tools/call with one image block
+//   --call-result JSON     answer tools/call with JSON as the result, exactly as given
 // Actions:
 //   --serve                handle stdin lines until end of stream
 //   --serve-lines N        handle the next N lines
@@ -98,10 +100,26 @@ std::optional<std::string> memberText(std::string_view line, std::string_view na
     return std::string(line.substr(at, end - at));
 }
 
+std::string readFile(const std::string& path) {
+    std::string contents;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return contents;
+    char chunk[65536];
+    for (;;) {
+        const ssize_t count = ::read(fd, chunk, sizeof chunk);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) break;
+        contents.append(chunk, static_cast<std::size_t>(count));
+    }
+    ::close(fd);
+    return contents;
+}
+
 struct LineHandling {
     bool echo = false;
     int recordFd = -1;
     std::optional<std::string> toolsJSON;
+    std::optional<std::string> toolsFile;
     std::optional<std::string> callResultJSON;
 
     void handle(const std::string& line) const {
@@ -110,7 +128,10 @@ struct LineHandling {
         const auto method = memberText(line, "method");
         const auto id = memberText(line, "id");
         if (!method || !id) return;
-        if (*method == "\"tools/list\"" && toolsJSON) {
+        if (*method == "\"tools/list\"" && toolsFile) {
+            // Read at every request, so a test can change the tools between two lists.
+            answer(*id, "{\"tools\":" + readFile(*toolsFile) + "}");
+        } else if (*method == "\"tools/list\"" && toolsJSON) {
             answer(*id, "{\"tools\":" + *toolsJSON + "}");
         } else if (*method == "\"tools/call\"" && callResultJSON) {
             answer(*id, *callResultJSON);
@@ -215,6 +236,10 @@ int main(int argc, char** argv) {
             handling.recordFd = ::open(value().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
         } else if (word == "--tools") {
             handling.toolsJSON = value();
+        } else if (word == "--tools-file") {
+            handling.toolsFile = value();
+        } else if (word == "--call-result") {
+            handling.callResultJSON = value();
         } else if (word == "--call-text") {
             handling.callResultJSON = "{\"content\":[{\"text\":" + jsonString(value()) + ",\"type\":\"text\"}]}";
         } else if (word == "--call-image") {
