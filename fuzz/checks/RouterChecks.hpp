@@ -31,6 +31,7 @@
 #include "MCPBridgeCore/Json.hpp"
 #include "MCPBridgeCore/MCPBridgeContract.hpp"
 #include "MCPBridgeCore/MCPBridgeRouter.hpp"
+#include "MCPBridgeCore/SmuggledCallGuard.hpp"
 #include "JsonChecks.hpp"
 
 namespace sentrova::fuzzcheck {
@@ -233,6 +234,28 @@ inline std::string checkClientLine(const std::string& line, const std::vector<Re
     const bool allowed = asked == 1 && gateway.decisions.back();
 
     const std::optional<Json> bridgeView = parseJson(line);
+
+    // A tool call that a CR-splitting server would read out of the line: never relayed.
+    // (A CR as the last byte ends the line for every reader alike.)
+    bool hiddenCall = false;
+    std::string_view body = line;
+    if (!body.empty() && body.back() == '\r') body.remove_suffix(1);
+    for (std::size_t start = 0; start < body.size() && body.find('\r') != std::string_view::npos;) {
+        std::size_t end = body.find('\r', start);
+        if (end == std::string_view::npos) end = body.size();
+        if (const auto piece = mainstreamReading(body.substr(start, end - start))) {
+            for (const auto& reading : kReadings) hiddenCall = hiddenCall || reading.isToolCall(*piece);
+        }
+        start = end + 1;
+    }
+    const SmuggledCallGuard::Verdict smuggled = SmuggledCallGuard::inspect(line, bridgeView.has_value());
+    if (hiddenCall && !smuggled.smuggled) return "a tool call behind a CR was not noticed";
+    if (smuggled.smuggled) {
+        if (relayed || asked) return "a line hiding a tool call reached the server or the gateway";
+        if (toClient.size() != smuggled.ids.size()) return "a hidden tool call was not answered once per id";
+        return {};
+    }
+
     if (!bridgeView || !bridgeView->isObject()) {
         if (!relayed || !toClient.empty() || asked) return "a line that is not a message was not simply relayed";
     }

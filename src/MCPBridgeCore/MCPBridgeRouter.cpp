@@ -6,6 +6,7 @@
 #include "MCPBridgeCore/AmbiguousCallGuard.hpp"
 #include "MCPBridgeCore/MCPWire.hpp"
 #include "MCPBridgeCore/RequestUUID.hpp"
+#include "MCPBridgeCore/SmuggledCallGuard.hpp"
 
 namespace sentrova {
 
@@ -88,6 +89,16 @@ void MCPBridgeRouter::writeLine(const WriteOperation& write, std::string& line) 
 void MCPBridgeRouter::handleClientLine(std::string line) {
     try {
         std::optional<Json> message = parseJson(line);
+        const SmuggledCallGuard::Verdict smuggled = SmuggledCallGuard::inspect(line, message.has_value());
+        if (smuggled.smuggled) {
+            // A server that frames or decodes lines differently would run a tool call out of
+            // this line that the gateway never saw: refuse every call in it, relay nothing.
+            for (const Json& id : smuggled.ids) {
+                std::string answer = MCPWire::denyResult(id, denyMessage(kMalformedTool, kMalformedReason, false));
+                writeLine(writeToClient_, answer);
+            }
+            return;
+        }
         if (!message || !message->isObject()) {
             message.reset(); // free the parsed copy before a large relay
             writeLine(writeToServer_, line);
