@@ -74,6 +74,8 @@ struct DevGatewayServer::Impl {
         http.set_keep_alive_max_count(kKeepAliveMaxCount);
         http.set_keep_alive_timeout(kKeepAliveTimeoutSeconds);
         http.set_payload_max_length(kMaxBodyBytes);
+        // Answers go out at once rather than waiting on Nagle for the bridge's next request.
+        http.set_tcp_nodelay(true);
         http.new_task_queue = [] { return new httplib::ThreadPool(kWorkerThreads); };
         http.Post("/v1/toolcall", [this](const httplib::Request& request, httplib::Response& response) {
             handleToolCall(request, response);

@@ -85,6 +85,8 @@ TestGateway::TestGateway() : server_(std::make_unique<Server>()) {
     };
     server.http.Post(".*", handler);
     server.http.Get(".*", handler);
+    server.http.set_tcp_nodelay(true); // no Nagle wait on answers
+    server.http.set_keep_alive_max_count(1000);
     server.port = server.http.bind_to_any_port("127.0.0.1");
     // The socket listens from here on; connections wait in the backlog until the loop runs.
     server.listener = std::thread([&server] { server.http.listen_after_bind(); });
