@@ -1,6 +1,7 @@
 #include "MCPBridgeCore/HTTPBridgeGatewayClient.hpp"
 
-#include <curl/curl.h>
+#include "MCPBridgeCore/CurlLibrary.hpp"
+
 #include <pthread.h>
 #include <uriparser/Uri.h>
 
@@ -31,11 +32,6 @@ constexpr double longestFiniteDeadline = 1e9;
 constexpr std::string_view placeholderScheme = "sentrova-relative";
 
 BridgeDecision denyWith(std::string_view reason) { return BridgeDecision::deny(std::string(reason)); }
-
-void initialiseCurlOnce() {
-    static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
 
 // ---- URLs -------------------------------------------------------------------------------------
 
@@ -160,10 +156,11 @@ struct Transfer {
     long timeoutMs = 0;
     std::shared_ptr<PendingDecision> pending; // null for an event
     std::string response;
+    const CurlLibrary* curl = nullptr; // set with easy
     CURL* easy = nullptr;
 
     ~Transfer() {
-        if (easy != nullptr) curl_easy_cleanup(easy);
+        if (easy != nullptr) curl->easyCleanup(easy);
     }
 
     // A short count makes libcurl fail the transfer, which then denies like any other failure.
@@ -194,12 +191,19 @@ BridgeDecision decisionFor(CURLcode result, long status, const std::string& body
 
 // Callers hand transfers and cancellations over through `queueLock` and wake the worker with
 // curl_multi_wakeup; every other curl call happens on the worker, so the multi handle and the
-// easy handles need no locking of their own.
+// easy handles need no locking of their own. The URLs and limits are settled at construction;
+// libcurl, the multi handle and the worker only come with the first request (`ensureStarted`).
 struct HTTPBridgeGatewayClient::Session {
     std::optional<std::string> decisionURL;
     std::optional<std::string> eventURL;
     bool sendable = false;
     TimeLimits limits;
+    std::optional<std::string> token;
+    CurlLoader loadCurl;
+    std::once_flag startOnce;
+
+    // Written once inside startOnce, read-only afterwards.
+    const CurlLibrary* curl = nullptr;
     curl_slist* headers = nullptr;
     CURLM* multi = nullptr;
 
@@ -209,22 +213,39 @@ struct HTTPBridgeGatewayClient::Session {
     bool stopping = false;
     std::thread worker;
 
-    Session(const std::string& baseURL, const std::optional<std::string>& token, double deadline)
+    Session(const std::string& baseURL, std::optional<std::string> bearer, double deadline, CurlLoader loader)
         : decisionURL(HTTPBridgeGatewayClient::resolve(baseURL, decisionPath)),
-          eventURL(HTTPBridgeGatewayClient::resolve(baseURL, eventPath)), limits(deadline) {
+          eventURL(HTTPBridgeGatewayClient::resolve(baseURL, eventPath)), limits(deadline),
+          token(std::move(bearer)), loadCurl(loader) {
+        // Unsendable: every request fails at once, and neither libcurl nor a thread is ever needed.
         sendable = decisionURL && sendableOverHTTP(*decisionURL) && usableAsHeaderValue(token);
-        if (!sendable) return; // every request fails at once; no thread is needed for that
+    }
 
-        initialiseCurlOnce();
-        headers = curl_slist_append(headers, "Content-Type: application/json");
+    // Loads libcurl and starts the worker on the first request; later calls only look. When
+    // anything is missing the session stays not running, which fails every request closed.
+    void ensureStarted() {
+        std::call_once(startOnce, [this] { start(); });
+    }
+
+    void start() noexcept {
+        curl = loadCurl != nullptr ? loadCurl() : nullptr;
+        if (curl == nullptr) return;
+        headers = curl->slistAppend(nullptr, "Content-Type: application/json");
         // libcurl would otherwise hold back large bodies (screenshots) waiting for "100 Continue".
         if (headers) headers = appendOrFree(headers, "Expect:");
-        if (headers && token) headers = appendOrFree(headers, ("Authorization: Bearer " + *token).c_str());
-        multi = curl_multi_init();
-        if (headers == nullptr || multi == nullptr) {
+        try {
+            if (headers && token) headers = appendOrFree(headers, ("Authorization: Bearer " + *token).c_str());
+        } catch (...) {
+            curl->slistFreeAll(headers);
+            headers = nullptr;
+        }
+        CURLM* created = curl->multiInit();
+        if (headers == nullptr || created == nullptr) {
+            if (created != nullptr) curl->multiCleanup(created);
             releaseCurl();
             return;
         }
+        multi = created;
         try {
             worker = std::thread([this] { run(); });
         } catch (...) {
@@ -238,23 +259,24 @@ struct HTTPBridgeGatewayClient::Session {
             stopping = true;
         }
         if (worker.joinable()) {
-            curl_multi_wakeup(multi);
+            curl->multiWakeup(multi);
             worker.join();
         }
         for (auto& transfer : submitted) finishUnsent(*transfer);
         releaseCurl();
     }
 
-    static curl_slist* appendOrFree(curl_slist* list, const char* line) {
-        curl_slist* grown = curl_slist_append(list, line);
-        if (grown == nullptr) curl_slist_free_all(list);
+    curl_slist* appendOrFree(curl_slist* list, const char* line) {
+        curl_slist* grown = curl->slistAppend(list, line);
+        if (grown == nullptr) curl->slistFreeAll(list);
         return grown;
     }
 
     void releaseCurl() {
-        if (multi != nullptr) curl_multi_cleanup(multi);
+        if (curl == nullptr) return; // never loaded: nothing was made
+        if (multi != nullptr) curl->multiCleanup(multi);
         multi = nullptr;
-        curl_slist_free_all(headers);
+        curl->slistFreeAll(headers);
         headers = nullptr;
     }
 
@@ -268,7 +290,7 @@ struct HTTPBridgeGatewayClient::Session {
             if (stopping) return false;
             submitted.push_back(std::move(transfer));
         }
-        curl_multi_wakeup(multi);
+        curl->multiWakeup(multi);
         return true;
     }
 
@@ -278,7 +300,7 @@ struct HTTPBridgeGatewayClient::Session {
             if (stopping) return;
             cancelled.push_back(std::move(pending));
         }
-        curl_multi_wakeup(multi);
+        curl->multiWakeup(multi);
     }
 
     static void finishUnsent(Transfer& transfer) {
@@ -290,27 +312,29 @@ struct HTTPBridgeGatewayClient::Session {
     std::unordered_map<Transfer*, std::unique_ptr<Transfer>> active;
 
     bool configure(Transfer& transfer) {
-        CURL* easy = curl_easy_init();
+        CURL* easy = curl->easyInit();
         if (easy == nullptr) return false;
+        transfer.curl = curl;
         transfer.easy = easy;
-        bool decision = transfer.pending != nullptr;
-        bool ok = curl_easy_setopt(easy, CURLOPT_URL, transfer.url.c_str()) == CURLE_OK &&
-                  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https") == CURLE_OK &&
-                  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L) == CURLE_OK &&
-                  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers) == CURLE_OK &&
-                  curl_easy_setopt(easy, CURLOPT_POST, 1L) == CURLE_OK &&
-                  curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
-                                   static_cast<curl_off_t>(transfer.body.size())) == CURLE_OK &&
-                  curl_easy_setopt(easy, CURLOPT_POSTFIELDS, transfer.body.data()) == CURLE_OK &&
-                  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, transfer.timeoutMs) == CURLE_OK &&
-                  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION,
-                                   decision ? &Transfer::keepBody : &Transfer::dropBody) == CURLE_OK &&
-                  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer) == CURLE_OK &&
-                  curl_easy_setopt(easy, CURLOPT_PRIVATE, &transfer) == CURLE_OK;
-        return ok && curl_multi_add_handle(multi, easy) == CURLM_OK;
+        // Through the pointer libcurl's compile-time option checks do not apply: every value
+        // below has exactly the type its option takes (long, curl_off_t, a pointer, a callback).
+        auto set = curl->easySetopt;
+        curl_write_callback writer = transfer.pending != nullptr ? &Transfer::keepBody : &Transfer::dropBody;
+        bool ok = set(easy, CURLOPT_URL, transfer.url.c_str()) == CURLE_OK &&
+                  set(easy, CURLOPT_PROTOCOLS_STR, "http,https") == CURLE_OK &&
+                  set(easy, CURLOPT_NOSIGNAL, 1L) == CURLE_OK &&
+                  set(easy, CURLOPT_HTTPHEADER, headers) == CURLE_OK &&
+                  set(easy, CURLOPT_POST, 1L) == CURLE_OK &&
+                  set(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(transfer.body.size())) == CURLE_OK &&
+                  set(easy, CURLOPT_POSTFIELDS, transfer.body.data()) == CURLE_OK &&
+                  set(easy, CURLOPT_TIMEOUT_MS, transfer.timeoutMs) == CURLE_OK &&
+                  set(easy, CURLOPT_WRITEFUNCTION, writer) == CURLE_OK &&
+                  set(easy, CURLOPT_WRITEDATA, &transfer) == CURLE_OK &&
+                  set(easy, CURLOPT_PRIVATE, &transfer) == CURLE_OK;
+        return ok && curl->multiAddHandle(multi, easy) == CURLM_OK;
     }
 
-    void start(std::unique_ptr<Transfer> transfer) {
+    void begin(std::unique_ptr<Transfer> transfer) {
         if (transfer->pending && transfer->pending->isAbandoned()) return;
         Transfer* key = transfer.get();
         active.emplace(key, std::move(transfer));
@@ -323,7 +347,7 @@ struct HTTPBridgeGatewayClient::Session {
     void stop(const std::shared_ptr<PendingDecision>& pending) {
         for (auto it = active.begin(); it != active.end(); ++it) {
             if (it->second->pending == pending) {
-                curl_multi_remove_handle(multi, it->second->easy);
+                curl->multiRemoveHandle(multi, it->second->easy);
                 active.erase(it);
                 return;
             }
@@ -332,19 +356,19 @@ struct HTTPBridgeGatewayClient::Session {
 
     void collectFinished() {
         int queued = 0;
-        while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
+        while (CURLMsg* message = curl->multiInfoRead(multi, &queued)) {
             if (message->msg != CURLMSG_DONE) continue;
-            void* owner = nullptr;
-            curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &owner);
-            auto it = active.find(static_cast<Transfer*>(owner));
+            char* owner = nullptr; // CURLOPT_PRIVATE comes back as char*
+            curl->easyGetinfo(message->easy_handle, CURLINFO_PRIVATE, &owner);
+            auto it = active.find(reinterpret_cast<Transfer*>(owner));
             if (it == active.end()) continue;
             Transfer& transfer = *it->second;
             if (transfer.pending) {
                 long status = 0;
-                curl_easy_getinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &status);
+                curl->easyGetinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &status);
                 transfer.pending->complete(decisionFor(message->data.result, status, transfer.response));
             }
-            curl_multi_remove_handle(multi, transfer.easy);
+            curl->multiRemoveHandle(multi, transfer.easy);
             active.erase(it); // the message points into the handle: read nothing after this
         }
     }
@@ -361,17 +385,17 @@ struct HTTPBridgeGatewayClient::Session {
                 withdrawn.swap(cancelled);
             }
             for (const auto& pending : withdrawn) stop(pending);
-            for (auto& transfer : incoming) start(std::move(transfer));
+            for (auto& transfer : incoming) begin(std::move(transfer));
 
             int stillRunning = 0;
-            curl_multi_perform(multi, &stillRunning);
+            curl->multiPerform(multi, &stillRunning);
             collectFinished();
             // Returns early for socket activity, libcurl's own timers or curl_multi_wakeup; the
             // one-second ceiling only bounds the cost of a wake-up that might go missing.
-            curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+            curl->multiPoll(multi, nullptr, 0, 1000, nullptr);
         }
         for (auto& [key, transfer] : active) {
-            curl_multi_remove_handle(multi, transfer->easy);
+            curl->multiRemoveHandle(multi, transfer->easy);
             finishUnsent(*transfer);
         }
         active.clear();
@@ -382,8 +406,12 @@ struct HTTPBridgeGatewayClient::Session {
 
 HTTPBridgeGatewayClient::HTTPBridgeGatewayClient(std::string baseURL, std::optional<std::string> token,
                                                  double deadline)
+    : HTTPBridgeGatewayClient(std::move(baseURL), std::move(token), deadline, &CurlLibrary::shared) {}
+
+HTTPBridgeGatewayClient::HTTPBridgeGatewayClient(std::string baseURL, std::optional<std::string> token,
+                                                 double deadline, CurlLoader loadCurl)
     : baseURL_(std::move(baseURL)), token_(std::move(token)), deadline_(deadline),
-      session_(std::make_unique<Session>(baseURL_, token_, deadline_)) {}
+      session_(std::make_unique<Session>(baseURL_, token_, deadline_, loadCurl)) {}
 
 HTTPBridgeGatewayClient::~HTTPBridgeGatewayClient() = default;
 
@@ -392,6 +420,9 @@ BridgeDecision HTTPBridgeGatewayClient::requestDecision(const BridgeToolCallQuer
         Session& session = *session_;
         if (!session.decisionURL) return denyWith(GatewayDenyReason::urlInvalid);
         if (!session.sendable) return denyWith(GatewayDenyReason::noAnswer);
+        // The wait counts from here: loading libcurl on the first call is part of it.
+        auto waitEnds = std::chrono::steady_clock::now() + session.limits.decisionWait;
+        session.ensureStarted();
 
         auto pending = std::make_shared<PendingDecision>();
         auto transfer = std::make_unique<Transfer>();
@@ -400,7 +431,6 @@ BridgeDecision HTTPBridgeGatewayClient::requestDecision(const BridgeToolCallQuer
         transfer->timeoutMs = session.limits.decisionTransferMs;
         transfer->pending = pending;
         if (!session.submit(std::move(transfer))) return denyWith(GatewayDenyReason::noAnswer);
-        auto waitEnds = std::chrono::steady_clock::now() + session.limits.decisionWait;
 
         std::unique_lock<std::mutex> guard(pending->lock);
         auto hasAnswer = [&] { return pending->decision.has_value(); };
@@ -422,6 +452,7 @@ void HTTPBridgeGatewayClient::postEvent(const BridgeEvent& event) {
     try {
         Session& session = *session_;
         if (!session.eventURL || !session.sendable) return;
+        session.ensureStarted();
         auto transfer = std::make_unique<Transfer>();
         transfer->url = *session.eventURL;
         transfer->body = event.httpBody();

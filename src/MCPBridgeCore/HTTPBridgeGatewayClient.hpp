@@ -1,6 +1,8 @@
 #pragma once
 
-// The gateway client over libcurl: one multi handle on one worker thread for the whole process.
+// The gateway client over libcurl: one multi handle on one worker thread for the whole process,
+// both started (and libcurl loaded) by the first request, so that a relay that never asks the
+// gateway never pays for them.
 
 #include <memory>
 #include <optional>
@@ -10,9 +12,16 @@
 
 namespace sentrova {
 
+struct CurlLibrary;
+
 class HTTPBridgeGatewayClient final : public BridgeGatewayClient {
 public:
     HTTPBridgeGatewayClient(std::string baseURL, std::optional<std::string> token, double deadline);
+    // Where libcurl comes from: called once, on the first request. Null means libcurl cannot be
+    // had, and then every decision is denied as unanswered and every event is dropped.
+    using CurlLoader = const CurlLibrary* (*)();
+    HTTPBridgeGatewayClient(std::string baseURL, std::optional<std::string> token, double deadline,
+                            CurlLoader loadCurl);
     ~HTTPBridgeGatewayClient() override;
     HTTPBridgeGatewayClient(const HTTPBridgeGatewayClient&) = delete;
     HTTPBridgeGatewayClient& operator=(const HTTPBridgeGatewayClient&) = delete;

@@ -14,6 +14,15 @@ namespace {
 constexpr std::size_t initialCapacity = 256 * 1024;
 constexpr std::size_t minimumReadSize = 64 * 1024;
 
+// A line handed on gets one spare byte: the relay appends the LF in place, and a string exactly
+// as large as the line would have to reallocate (and copy a large line once more) for it.
+std::string lineCopy(const char* bytes, std::size_t size) {
+    std::string line;
+    line.reserve(size + 1);
+    line.assign(bytes, size);
+    return line;
+}
+
 // One pump's bytes: [start, end) is read and not yet handed on; [0, start) is spent.
 // Lines are consumed by moving start forward; the live bytes are moved to the front only
 // when the free tail gets short, so a long line is moved at most once before it grows.
@@ -53,14 +62,14 @@ public:
                 break;
             }
             const std::size_t lineEnd = static_cast<std::size_t>(static_cast<const char*>(found) - base);
-            if (lineEnd > start_) sink(std::string(base + start_, lineEnd - start_));
+            if (lineEnd > start_) sink(lineCopy(base + start_, lineEnd - start_));
             start_ = scanned_ = lineEnd + 1;
         }
         if (start_ == end_) start_ = end_ = scanned_ = 0;
     }
 
     void deliverRest(const std::function<void(std::string)>& sink) {
-        if (end_ > start_) sink(std::string(data_.get() + start_, end_ - start_));
+        if (end_ > start_) sink(lineCopy(data_.get() + start_, end_ - start_));
         start_ = end_ = scanned_ = 0;
     }
 

@@ -20,6 +20,7 @@
 #include <tuple>
 #include <vector>
 
+#include "MCPBridgeCore/CurlLibrary.hpp"
 #include "MCPBridgeCore/HTTPBridgeGatewayClient.hpp"
 
 namespace sentrova {
@@ -447,6 +448,67 @@ TEST_F(HTTPBridgeGatewayClientTests, DestroyingWithRequestsInFlightStopsPromptly
     }
     EXPECT_LT(secondsSince(start), 3.0);
     EXPECT_TRUE(eventually([&] { return gateway.sawUnansweredRequestClosed(); }));
+}
+
+// Loaders that count how often the client asks for libcurl.
+std::atomic<int> loadsAsked{0};
+const CurlLibrary* countedRealCurl() {
+    ++loadsAsked;
+    return CurlLibrary::shared();
+}
+const CurlLibrary* countedMissingCurl() {
+    ++loadsAsked;
+    return nullptr;
+}
+
+TEST_F(HTTPBridgeGatewayClientTests, LibcurlIsLoadedOnlyByTheFirstRequest) {
+    EXPECT_EQ(CurlLibrary::load("libsentrova-no-such-curl.so.4"), nullptr);
+    EXPECT_NE(CurlLibrary::load("libcurl.so.4"), nullptr);
+
+    HttplibGateway gateway;
+    loadsAsked = 0;
+    {
+        HTTPBridgeGatewayClient idle(gateway.url(), std::nullopt, 10, &countedRealCurl);
+    }
+    EXPECT_EQ(loadsAsked.load(), 0);
+
+    HTTPBridgeGatewayClient client(gateway.url(), std::nullopt, 10, &countedRealCurl);
+    EXPECT_EQ(loadsAsked.load(), 0);
+    client.postEvent(BridgeEvent::pinViolation("worker-1", "write_file", "old", "new"));
+    EXPECT_EQ(verdict(client.requestDecision(sampleQuery())), "allow");
+    EXPECT_EQ(verdict(client.requestDecision(sampleQuery())), "allow");
+    EXPECT_EQ(loadsAsked.load(), 1);
+    EXPECT_TRUE(eventually([&] { return gateway.received().size() == 3; }));
+
+    // A base that can never be sent needs no libcurl at all.
+    HTTPBridgeGatewayClient unsendable("ftp://127.0.0.1:1/", std::nullopt, 10, &countedRealCurl);
+    EXPECT_EQ(verdict(unsendable.requestDecision(sampleQuery())), reason(GatewayDenyReason::noAnswer));
+    EXPECT_EQ(loadsAsked.load(), 1);
+}
+
+TEST_F(HTTPBridgeGatewayClientTests, WithoutLibcurlEveryDecisionIsDeniedAndEventsAreDropped) {
+    HttplibGateway gateway;
+    loadsAsked = 0;
+    HTTPBridgeGatewayClient client(gateway.url(), "token", 30);
+    HTTPBridgeGatewayClient broken(gateway.url(), "token", 30, &countedMissingCurl);
+    std::vector<std::thread> callers;
+    std::atomic<int> deniedQuickly{0};
+    for (int t = 0; t < 4; ++t) {
+        callers.emplace_back([&] {
+            broken.postEvent(BridgeEvent::screenshot("worker-1", "AAAA", "image/png"));
+            auto start = Clock::now();
+            BridgeDecision decision = broken.requestDecision(sampleQuery());
+            if (verdict(decision) == reason(GatewayDenyReason::noAnswer) && secondsSince(start) < 1.0) ++deniedQuickly;
+        });
+    }
+    for (auto& caller : callers) caller.join();
+    EXPECT_EQ(deniedQuickly.load(), 4);
+    EXPECT_EQ(loadsAsked.load(), 1); // a failed load is not retried on every call
+
+    // Nothing reached the gateway from the broken client; a working one still gets through.
+    EXPECT_EQ(verdict(client.requestDecision(sampleQuery())), "allow");
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(gateway.received().size(), 1u);
 }
 
 } // namespace
