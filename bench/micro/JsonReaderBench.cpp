@@ -1,11 +1,13 @@
-// Throughput of the JSON reader and the canonical writer on the three line shapes that dominate
-// the relay: a small tools/call request, a tools/list answer, and a result carrying a screenshot.
+// Throughput of the JSON reader and the canonical writer on the line shapes that dominate the
+// relay: small requests and answers (most lines), a small tools/call request, a tools/list answer,
+// and a result carrying a screenshot.
 
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
 #include <string>
 
+#include "MCPBridgeCore/AmbiguousCallGuard.hpp"
 #include "MCPBridgeCore/Json.hpp"
 
 namespace {
@@ -13,6 +15,15 @@ namespace {
 std::string toolsCallRequest() {
     // About 300 bytes, as an agent sends them.
     return R"({"jsonrpc":"2.0","id":42,"method":"tools/call","params":{"name":"write_file","arguments":{"path":"/home/user/project/src/main.cpp","content":"#include <cstdio>\nint main() { std::puts(\"hello\"); }\n","mode":"overwrite","createDirectories":true},"_meta":{"progressToken":"c0ffee-17"}}})";
+}
+
+// About 115 bytes each: the bulk of what a session relays.
+std::string smallRequest() {
+    return R"({"jsonrpc":"2.0","id":4711,"method":"resources/read","params":{"uri":"file:///workspace/src/mod_004711/notes.md"}})";
+}
+
+std::string smallAnswer() {
+    return R"({"jsonrpc":"2.0","id":4711,"result":{"contents":[{"uri":"file:///w/m004711.md","mimeType":"text/plain","text":"ok"}]}})";
 }
 
 std::string toolDefinition(int index) {
@@ -55,6 +66,17 @@ void readLine(benchmark::State& state, const std::string& line) {
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(line.size()));
 }
 
+// What the bridge does with each client line before it relays it: read it and check it for
+// member names that other parsers would read differently.
+void readAndGuard(benchmark::State& state, const std::string& line) {
+    for (auto _ : state) {
+        auto value = sentrova::parseJson(line);
+        if (!value) state.SkipWithError("line refused");
+        else benchmark::DoNotOptimize(sentrova::AmbiguousCallGuard::inspect(*value).ambiguous);
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(line.size()));
+}
+
 void writeValue(benchmark::State& state, const std::string& line, bool escapeSlash) {
     const auto value = sentrova::parseJson(line);
     for (auto _ : state) {
@@ -73,6 +95,10 @@ void copyValue(benchmark::State& state, const std::string& line) {
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(line.size()));
 }
 
+void BM_JsonRead_SmallRequest(benchmark::State& state) { readLine(state, smallRequest()); }
+void BM_JsonRead_SmallAnswer(benchmark::State& state) { readLine(state, smallAnswer()); }
+void BM_JsonReadGuard_SmallRequest(benchmark::State& state) { readAndGuard(state, smallRequest()); }
+void BM_JsonReadGuard_ToolsCallRequest(benchmark::State& state) { readAndGuard(state, toolsCallRequest()); }
 void BM_JsonRead_ToolsCallRequest(benchmark::State& state) { readLine(state, toolsCallRequest()); }
 void BM_JsonRead_ToolsListAnswer(benchmark::State& state) { readLine(state, toolsListAnswer()); }
 void BM_JsonRead_ImageResult(benchmark::State& state) {
@@ -85,6 +111,10 @@ void BM_JsonCopy_ToolsListAnswer(benchmark::State& state) { copyValue(state, too
 
 } // namespace
 
+BENCHMARK(BM_JsonRead_SmallRequest);
+BENCHMARK(BM_JsonRead_SmallAnswer);
+BENCHMARK(BM_JsonReadGuard_SmallRequest);
+BENCHMARK(BM_JsonReadGuard_ToolsCallRequest);
 BENCHMARK(BM_JsonRead_ToolsCallRequest);
 BENCHMARK(BM_JsonRead_ToolsListAnswer);
 BENCHMARK(BM_JsonRead_ImageResult);

@@ -1,5 +1,6 @@
 #include "MCPBridgeCore/AmbiguousCallGuard.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 
@@ -67,6 +68,14 @@ Verdict inspect(const Json& message) noexcept {
     static constexpr std::array<std::string_view, 3> kCallNames{"name", "arguments", "_meta"};
 
     const Json::Object& members = message.objectValue();
+    // Only a message that some parser reads as a tool call can be ambiguous in a way that
+    // matters, and almost no line is one: settle that first, testing the value before the name.
+    const bool anyToolCall = std::any_of(members.begin(), members.end(), [](const JsonMember& member) {
+        return member.value.isString() && member.value.stringValue() == "tools/call" && foldsTo(member.key, "method");
+    });
+    if (!anyToolCall) {
+        return {};
+    }
     bool callsTool = false;
     bool unclear = anyAmbiguous(members, kRoutingNames);
     const Json* exactId = nullptr;

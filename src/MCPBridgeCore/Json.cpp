@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <memory>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -15,18 +16,32 @@ namespace sentrova {
 
 // ---------------------------------------------------------------------------------------------
 // Whole-tree operations. A line may nest a million levels deep, so copying, destroying and
-// comparing walk the tree with explicit work lists instead of recursing.
+// comparing never recurse without bound: copying and comparing walk the tree with explicit work
+// lists; destroying recurses only a few levels (the usual message) and hands anything deeper
+// to a work list.
 
 class JsonTreeOps {
 public:
     using CopyTask = std::pair<const Json*, Json*>;
 
-    static Json makeString(const char* data, std::size_t size) {
-        Json json;
-        json.s_ = new std::string(data, size);
+    // The set* helpers fill a value that holds nothing (null).
+    static void setString(Json& json, const char* data, std::size_t size) {
+        new (&json.s_) std::string(data, size);
         json.type_ = Json::Type::string;
-        return json;
     }
+    static void setString(Json& json, std::string&& text) noexcept {
+        new (&json.s_) std::string(std::move(text));
+        json.type_ = Json::Type::string;
+    }
+    static void setArray(Json& json, Json::Array&& elements) noexcept {
+        new (&json.a_) Json::Array(std::move(elements));
+        json.type_ = Json::Type::array;
+    }
+    static void setObject(Json& json, Json::Object&& members) noexcept {
+        new (&json.o_) Json::Object(std::move(members));
+        json.type_ = Json::Type::object;
+    }
+    static void take(Json& json, Json& from) noexcept { json.moveFrom(std::move(from)); }
 
     static bool isContainer(const Json& value) noexcept {
         return value.type_ == Json::Type::array || value.type_ == Json::Type::object;
@@ -36,18 +51,18 @@ public:
     static void copyNode(const Json& source, Json& target, std::vector<CopyTask>& pending) {
         switch (source.type_) {
         case Json::Type::string:
-            target.s_ = new std::string(*source.s_);
+            new (&target.s_) std::string(source.s_);
             target.type_ = Json::Type::string;
             return;
         case Json::Type::array:
-            target.a_ = new Json::Array(source.a_->size());
+            new (&target.a_) Json::Array(source.a_.size());
             target.type_ = Json::Type::array;
-            if (!source.a_->empty()) pending.emplace_back(&source, &target);
+            if (!source.a_.empty()) pending.emplace_back(&source, &target);
             return;
         case Json::Type::object:
-            target.o_ = new Json::Object(source.o_->size());
+            new (&target.o_) Json::Object(source.o_.size());
             target.type_ = Json::Type::object;
-            if (!source.o_->empty()) pending.emplace_back(&source, &target);
+            if (!source.o_.empty()) pending.emplace_back(&source, &target);
             return;
         default:
             target.u_ = source.u_;
@@ -69,12 +84,12 @@ public:
             auto [from, to] = pending.back();
             pending.pop_back();
             if (from->type_ == Json::Type::array) {
-                const Json::Array& elements = *from->a_;
-                Json::Array& copies = *to->a_;
+                const Json::Array& elements = from->a_;
+                Json::Array& copies = to->a_;
                 for (std::size_t i = 0; i < elements.size(); ++i) copyNode(elements[i], copies[i], pending);
             } else {
-                const Json::Object& members = *from->o_;
-                Json::Object& copies = *to->o_;
+                const Json::Object& members = from->o_;
+                Json::Object& copies = to->o_;
                 for (std::size_t i = 0; i < members.size(); ++i) {
                     copies[i].key = members[i].key;
                     copyNode(members[i].value, copies[i].value, pending);
@@ -83,28 +98,46 @@ public:
         }
     }
 
+    // Frees whatever node holds and leaves it null. Containers nested up to depthLeft levels
+    // below node are freed by recursion, which needs no allocation; a deeper one goes to the
+    // iterative walk.
+    static void destroyValue(Json& node, unsigned depthLeft) noexcept {
+        if (node.type_ == Json::Type::array) {
+            if (depthLeft == 0) return destroyTree(node);
+            for (Json& element : node.a_) destroyChild(element, depthLeft - 1);
+        } else if (node.type_ == Json::Type::object) {
+            if (depthLeft == 0) return destroyTree(node);
+            for (JsonMember& member : node.o_) destroyChild(member.value, depthLeft - 1);
+        }
+        freeFlat(node);
+    }
+
+    // Empties a child before its container goes, so that the container's own destructor finds
+    // only nulls and scalars.
+    static void destroyChild(Json& child, unsigned depthLeft) noexcept {
+        if (child.type_ == Json::Type::string) {
+            std::destroy_at(&child.s_);
+            child.type_ = Json::Type::null;
+        } else if (isContainer(child)) {
+            destroyValue(child, depthLeft);
+        }
+    }
+
     // Moves every container child of node onto the work list, leaving node flat.
     static void detachContainers(Json& node, std::vector<Json>& pending) {
         if (node.type_ == Json::Type::array) {
-            for (Json& element : *node.a_) {
+            for (Json& element : node.a_) {
                 if (isContainer(element)) pending.push_back(std::move(element));
             }
         } else if (node.type_ == Json::Type::object) {
-            for (JsonMember& member : *node.o_) {
+            for (JsonMember& member : node.o_) {
                 if (isContainer(member.value)) pending.push_back(std::move(member.value));
             }
         }
     }
 
-    static bool hasContainerChild(const Json& node) noexcept {
-        if (node.type_ == Json::Type::array) {
-            return std::any_of(node.a_->begin(), node.a_->end(), [](const Json& e) { return isContainer(e); });
-        }
-        return std::any_of(node.o_->begin(), node.o_->end(), [](const JsonMember& m) { return isContainer(m.value); });
-    }
-
-    // Frees a container whose children may be containers. Each node popped from the work list
-    // is made flat before its own destructor runs, so no destructor nests more than one level.
+    // Frees a container of any depth. Each node popped from the work list is made flat before
+    // it is freed, so no destructor nests more than one level.
     static void destroyTree(Json& root) noexcept {
         std::vector<Json> pending;
         detachContainers(root, pending);
@@ -113,13 +146,18 @@ public:
             Json node = std::move(pending.back());
             pending.pop_back();
             detachContainers(node, pending);
+            freeFlat(node);
         }
     }
 
+    // Frees node, whose children hold no containers, and leaves it null.
     static void freeFlat(Json& node) noexcept {
-        if (node.type_ == Json::Type::array) delete node.a_;
-        else if (node.type_ == Json::Type::object) delete node.o_;
-        else if (node.type_ == Json::Type::string) delete node.s_;
+        switch (node.type_) {
+        case Json::Type::string: std::destroy_at(&node.s_); break;
+        case Json::Type::array: std::destroy_at(&node.a_); break;
+        case Json::Type::object: std::destroy_at(&node.o_); break;
+        default: break;
+        }
         node.type_ = Json::Type::null;
         node.u_ = 0;
     }
@@ -131,7 +169,7 @@ public:
         case Json::Type::integer: return a.i_ == b.i_;
         case Json::Type::unsignedInteger: return a.u_ == b.u_;
         case Json::Type::real: return a.d_ == b.d_ || (std::isnan(a.d_) && std::isnan(b.d_));
-        case Json::Type::string: return *a.s_ == *b.s_;
+        case Json::Type::string: return a.s_ == b.s_;
         default: return false;
         }
     }
@@ -145,13 +183,13 @@ public:
             pending.pop_back();
             if (x->type_ != y->type_) return false;
             if (x->type_ == Json::Type::array) {
-                if (x->a_->size() != y->a_->size()) return false;
-                for (std::size_t i = 0; i < x->a_->size(); ++i) pending.emplace_back(&(*x->a_)[i], &(*y->a_)[i]);
+                if (x->a_.size() != y->a_.size()) return false;
+                for (std::size_t i = 0; i < x->a_.size(); ++i) pending.emplace_back(&x->a_[i], &y->a_[i]);
             } else if (x->type_ == Json::Type::object) {
-                if (x->o_->size() != y->o_->size()) return false;
-                for (std::size_t i = 0; i < x->o_->size(); ++i) {
-                    if ((*x->o_)[i].key != (*y->o_)[i].key) return false;
-                    pending.emplace_back(&(*x->o_)[i].value, &(*y->o_)[i].value);
+                if (x->o_.size() != y->o_.size()) return false;
+                for (std::size_t i = 0; i < x->o_.size(); ++i) {
+                    if (x->o_[i].key != y->o_[i].key) return false;
+                    pending.emplace_back(&x->o_[i].value, &y->o_[i].value);
                 }
             } else if (!sameScalar(*x, *y)) {
                 return false;
@@ -164,7 +202,11 @@ public:
 // ---------------------------------------------------------------------------------------------
 // Value model
 
-Json::Json() noexcept : u_(0) {}
+namespace {
+// How many container levels destruction frees by recursion before it switches to a work list:
+// enough for any ordinary message, small enough to keep the stack shallow.
+constexpr unsigned kRecursiveDestroyDepth = 32;
+} // namespace
 
 Json::Json(const Json& other) : u_(0) {
     try {
@@ -193,22 +235,9 @@ Json& Json::operator=(Json&& other) noexcept {
     return *this;
 }
 
-void Json::destroy() noexcept {
-    if ((type_ == Type::array || type_ == Type::object) && JsonTreeOps::hasContainerChild(*this)) {
-        JsonTreeOps::destroyTree(*this);
-    } else {
-        JsonTreeOps::freeFlat(*this);
-    }
-}
+void Json::destroy() noexcept { JsonTreeOps::destroyValue(*this, kRecursiveDestroyDepth); }
 
 void Json::copyFrom(const Json& other) { JsonTreeOps::copyTree(other, *this); }
-
-void Json::moveFrom(Json&& other) noexcept {
-    type_ = other.type_;
-    u_ = other.u_;
-    other.type_ = Type::null;
-    other.u_ = 0;
-}
 
 Json Json::null() { return {}; }
 
@@ -242,22 +271,23 @@ Json Json::real(double value) {
 
 Json Json::string(std::string value) {
     Json json;
-    json.s_ = new std::string(std::move(value));
-    json.type_ = Type::string;
+    JsonTreeOps::setString(json, std::move(value));
     return json;
 }
+
+Json Json::array() { return array(Array()); }
 
 Json Json::array(Array elements) {
     Json json;
-    json.a_ = new Array(std::move(elements));
-    json.type_ = Type::array;
+    JsonTreeOps::setArray(json, std::move(elements));
     return json;
 }
 
+Json Json::object() { return object(Object()); }
+
 Json Json::object(Object members) {
     Json json;
-    json.o_ = new Object(std::move(members));
-    json.type_ = Type::object;
+    JsonTreeOps::setObject(json, std::move(members));
     return json;
 }
 
@@ -284,37 +314,46 @@ std::optional<double> Json::numberValue() const noexcept {
 
 const std::string& Json::stringValue() const noexcept {
     static const std::string empty;
-    return type_ == Type::string ? *s_ : empty;
+    return type_ == Type::string ? s_ : empty;
 }
 
 const Json::Array& Json::arrayValue() const noexcept {
     static const Array empty;
-    return type_ == Type::array ? *a_ : empty;
+    return type_ == Type::array ? a_ : empty;
 }
 
 const Json::Object& Json::objectValue() const noexcept {
     static const Object empty;
-    return type_ == Type::object ? *o_ : empty;
+    return type_ == Type::object ? o_ : empty;
 }
 
 std::string& Json::mutableString() noexcept {
-    if (type_ != Type::string) *this = string({});
-    return *s_;
+    if (type_ != Type::string) {
+        destroy();
+        JsonTreeOps::setString(*this, std::string());
+    }
+    return s_;
 }
 
 Json::Array& Json::mutableArray() noexcept {
-    if (type_ != Type::array) *this = array();
-    return *a_;
+    if (type_ != Type::array) {
+        destroy();
+        JsonTreeOps::setArray(*this, Array());
+    }
+    return a_;
 }
 
 Json::Object& Json::mutableObject() noexcept {
-    if (type_ != Type::object) *this = object();
-    return *o_;
+    if (type_ != Type::object) {
+        destroy();
+        JsonTreeOps::setObject(*this, Object());
+    }
+    return o_;
 }
 
 const Json* Json::find(std::string_view key) const noexcept {
     if (type_ != Type::object) return nullptr;
-    for (auto it = o_->rbegin(); it != o_->rend(); ++it) {
+    for (auto it = o_.rbegin(); it != o_.rend(); ++it) {
         if (it->key == key) return &it->value;
     }
     return nullptr;
@@ -359,6 +398,12 @@ inline const char* skipPlainStringBytes(const char* p, const char* end) noexcept
         return _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, backslash)),
                             _mm_cmplt_epi8(v, space));
     };
+    // Most names and many values are short: look at the first 16 bytes alone before going wide.
+    if (end - p >= 16) {
+        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)))));
+        if (mask != 0) return p + std::countr_zero(mask);
+        p += 16;
+    }
     while (end - p >= 64) {
         __m128i s0 = special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
         __m128i s1 = special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)));
@@ -550,14 +595,65 @@ double outOfRangeValue(const char* begin, const char* end) noexcept {
 // values (and for an object the keys) pushed since it opened. Nesting lives in frames_, never on
 // the C++ stack.
 
+struct ReaderFrame {
+    bool isObject;
+    std::size_t firstValue;
+    std::size_t firstKey;
+};
+
+// A member name waiting for its object to close: a span of the input when it needed no
+// decoding, else a span of the decoded names. The name's string is then built once, in place.
+struct PendingKey {
+    bool decoded;
+    std::size_t offset;
+    std::size_t size;
+};
+
+// The reader's stacks, kept per thread from one line to the next so that reading a small line
+// allocates nothing but the value it returns. Emptied after every read; storage grown by an
+// unusually large line is given back rather than held for the life of the thread.
+class ReaderScratch {
+public:
+    static ReaderScratch& forThisThread() noexcept {
+        thread_local ReaderScratch scratch;
+        return scratch;
+    }
+
+    void reset() noexcept {
+        values.clear();
+        keys.clear();
+        decodedKeys.clear();
+        frames.clear();
+        releaseIfLarge(values);
+        releaseIfLarge(keys);
+        releaseIfLarge(frames);
+        if (decodedKeys.capacity() > kKeptEntries * sizeof(Json)) std::string().swap(decodedKeys);
+    }
+
+    std::vector<Json> values;
+    std::vector<PendingKey> keys;
+    std::string decodedKeys; // names that held escapes or ill-formed UTF-8, decoded
+    std::vector<ReaderFrame> frames;
+
+private:
+    static constexpr std::size_t kKeptEntries = 4096;
+
+    template <typename T>
+    static void releaseIfLarge(std::vector<T>& stack) noexcept {
+        if (stack.capacity() > kKeptEntries) std::vector<T>().swap(stack);
+    }
+};
+
 class JsonReader {
 public:
-    explicit JsonReader(std::string_view text) : begin_(text.data()), p_(text.data()), end_(text.data() + text.size()) {
-        // Enough for a typical message, so that the stacks do not grow step by step.
-        values_.reserve(32);
-        keys_.reserve(32);
-        frames_.reserve(16);
-    }
+    JsonReader(std::string_view text, ReaderScratch& scratch)
+        : begin_(text.data()),
+          p_(text.data()),
+          end_(text.data() + text.size()),
+          values_(scratch.values),
+          keys_(scratch.keys),
+          decodedKeys_(scratch.decodedKeys),
+          frames_(scratch.frames) {}
 
     std::optional<Json> read() {
         if (end_ - p_ >= 3 && std::memcmp(p_, "\xEF\xBB\xBF", 3) == 0) p_ += 3;
@@ -617,20 +713,6 @@ public:
     }
 
 private:
-    struct Frame {
-        bool isObject;
-        std::size_t firstValue;
-        std::size_t firstKey;
-    };
-
-    // A member name waiting for its object to close: a span of the input when it needed no
-    // decoding, else a span of decodedKeys_. The name's string is then built once, in place.
-    struct PendingKey {
-        bool decoded;
-        std::size_t offset;
-        std::size_t size;
-    };
-
     void skipWhitespace() noexcept {
         // Compact lines have no whitespace: one comparison settles the common case.
         while (p_ != end_ && static_cast<unsigned char>(*p_) <= ' ' &&
@@ -641,27 +723,31 @@ private:
 
     void open(bool isObject) { frames_.push_back({isObject, values_.size(), keys_.size()}); }
 
+    // The container's storage is sized once, exactly; its children move in from the value stack.
     void close() {
-        const Frame frame = frames_.back();
+        const ReaderFrame frame = frames_.back();
         frames_.pop_back();
-        const auto firstValue = values_.begin() + static_cast<std::ptrdiff_t>(frame.firstValue);
+        const std::size_t count = values_.size() - frame.firstValue;
+        Json* const children = values_.data() + frame.firstValue;
         if (!frame.isObject) {
-            Json::Array elements(std::make_move_iterator(firstValue), std::make_move_iterator(values_.end()));
-            values_.erase(firstValue, values_.end());
-            values_.push_back(Json::array(std::move(elements)));
+            Json::Array elements(count);
+            for (std::size_t i = 0; i < count; ++i) JsonTreeOps::take(elements[i], children[i]);
+            values_.resize(frame.firstValue);
+            JsonTreeOps::setArray(values_.emplace_back(), std::move(elements));
             return;
         }
         Json::Object members;
-        members.reserve(values_.size() - frame.firstValue);
-        for (std::size_t v = frame.firstValue, k = frame.firstKey; v < values_.size(); ++v, ++k) {
-            const PendingKey& key = keys_[k];
-            const char* name = key.decoded ? decodedKeys_.data() + key.offset : begin_ + key.offset;
-            members.push_back(JsonMember{std::string(name, key.size), std::move(values_[v])});
+        members.reserve(count);
+        const PendingKey* const keys = keys_.data() + frame.firstKey;
+        for (std::size_t i = 0; i < count; ++i) {
+            const char* name = keys[i].decoded ? decodedKeys_.data() + keys[i].offset : begin_ + keys[i].offset;
+            members.push_back(JsonMember{std::string(name, keys[i].size), Json()});
+            JsonTreeOps::take(members.back().value, children[i]);
         }
-        values_.erase(firstValue, values_.end());
+        values_.resize(frame.firstValue);
         keys_.resize(frame.firstKey);
         if (keys_.empty()) decodedKeys_.clear(); // no outer name still points into it
-        values_.push_back(Json::object(std::move(members)));
+        JsonTreeOps::setObject(values_.emplace_back(), std::move(members));
     }
 
     // A member name, the whitespace after it and the colon; then the whitespace before the value.
@@ -697,14 +783,14 @@ private:
             const char* const start = ++p_;
             const char* const stop = skipPlainStringBytes(p_, end_);
             if (stop != end_ && *stop == '"') {
-                values_.push_back(JsonTreeOps::makeString(start, static_cast<std::size_t>(stop - start)));
+                JsonTreeOps::setString(values_.emplace_back(), start, static_cast<std::size_t>(stop - start));
                 p_ = stop + 1;
                 return true;
             }
             p_ = stop;
             std::string text;
             if (!readString(text, start)) return false;
-            values_.push_back(Json::string(std::move(text)));
+            JsonTreeOps::setString(values_.emplace_back(), std::move(text));
             return true;
         }
         case 't':
@@ -871,10 +957,10 @@ private:
     const char* const begin_;
     const char* p_;
     const char* const end_;
-    std::vector<Json> values_;
-    std::vector<PendingKey> keys_;
-    std::string decodedKeys_; // names that held escapes or ill-formed UTF-8, decoded
-    std::vector<Frame> frames_;
+    std::vector<Json>& values_;
+    std::vector<PendingKey>& keys_;
+    std::string& decodedKeys_;
+    std::vector<ReaderFrame>& frames_;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -982,11 +1068,14 @@ inline char foldCase(unsigned char c) noexcept {
 } // namespace
 
 std::optional<Json> parseJson(std::string_view text) {
+    ReaderScratch& scratch = ReaderScratch::forThisThread();
+    std::optional<Json> value;
     try {
-        return JsonReader(text).read();
+        value = JsonReader(text, scratch).read();
     } catch (...) { // out of memory: the line is treated as unreadable
-        return std::nullopt;
     }
+    scratch.reset(); // also frees what a refused line had read so far
+    return value;
 }
 
 std::optional<std::string> writeJson(const Json& value, JsonWriteOptions options) {

@@ -7,6 +7,7 @@
 // relayed unchanged: anything a server would execute must be readable here.
 
 #include <cstdint>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,17 +27,14 @@ public:
     using Array = std::vector<Json>;
     using Object = std::vector<JsonMember>; // every member, in input order (duplicates kept)
 
-    Json() noexcept; // null
+    Json() noexcept : u_(0) {} // null
     // Iterative: destroying a deeply nested value never recurses. Scalars need no work, which
     // the inline test settles without a call.
     ~Json() {
         if (type_ >= Type::string) destroy();
     }
     Json(const Json& other);
-    Json(Json&& other) noexcept : type_(other.type_), u_(other.u_) {
-        other.type_ = Type::null;
-        other.u_ = 0;
-    }
+    Json(Json&& other) noexcept : u_(0) { moveFrom(std::move(other)); }
     Json& operator=(const Json& other);
     Json& operator=(Json&& other) noexcept;
 
@@ -46,8 +44,11 @@ public:
     static Json unsignedInteger(std::uint64_t value); // only for values above INT64_MAX
     static Json real(double value);
     static Json string(std::string value);
-    static Json array(Array elements = {});
-    static Json object(Object members = {});
+    // Overloads rather than default arguments: JsonMember is not yet complete here.
+    static Json array();
+    static Json array(Array elements);
+    static Json object();
+    static Json object(Object members);
 
     Type type() const noexcept { return type_; }
     bool isNull() const noexcept { return type_ == Type::null; }
@@ -86,17 +87,21 @@ private:
 
     void destroy() noexcept;
     void copyFrom(const Json& other);
+
+    // Takes other's value into this value, which holds none (null); other is left null.
     void moveFrom(Json&& other) noexcept;
 
+    // Strings and containers live inline: a short string (up to 15 bytes) or an empty container
+    // costs no allocation, and every other one a single allocation for its contents.
     Type type_ = Type::null;
     union {
         bool b_;
         std::int64_t i_;
         std::uint64_t u_;
         double d_;
-        std::string* s_;
-        Array* a_;
-        Object* o_;
+        std::string s_;
+        Array a_;
+        Object o_;
     };
 };
 
@@ -105,6 +110,30 @@ struct JsonMember {
     Json value;
     friend bool operator==(const JsonMember& a, const JsonMember& b) { return a.key == b.key && a.value == b.value; }
 };
+
+// Defined here, where JsonMember is complete, because every move goes through it.
+inline void Json::moveFrom(Json&& other) noexcept {
+    switch (other.type_) {
+    case Type::string:
+        new (&s_) std::string(std::move(other.s_));
+        other.s_.~basic_string();
+        break;
+    case Type::array:
+        new (&a_) Array(std::move(other.a_));
+        other.a_.~Array();
+        break;
+    case Type::object:
+        new (&o_) Object(std::move(other.o_));
+        other.o_.~Object();
+        break;
+    default:
+        u_ = other.u_;
+        break;
+    }
+    type_ = other.type_;
+    other.type_ = Type::null;
+    other.u_ = 0;
+}
 
 // The tolerant reader. The top level must be an object or an array, followed only by
 // whitespace (space, tab, CR, LF). A leading UTF-8 BOM is skipped. Invalid UTF-8 and lone

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "MCPBridgeCore/Json.hpp"
 
@@ -167,6 +169,85 @@ TEST(JsonReaderTests, NestsAMillionLevelsWithoutRecursion) {
     ASSERT_TRUE(nested);
     EXPECT_TRUE(nested->find("a")->isObject());
     EXPECT_FALSE(parseJson(std::string(depth, '[') + std::string(depth - 1, ']')));
+}
+
+TEST(JsonModelTests, MixedTreesWithStringsAtEveryLevelAreCopiedComparedAndFreed) {
+    // Objects and arrays alternate, each level holding a short and a long string, both below
+    // and far beyond the depth that destruction handles by recursion.
+    const std::string longText(40, 'x');
+    for (std::size_t depth : {3u, 40u, 200'000u}) {
+        std::string text;
+        for (std::size_t i = 0; i < depth; ++i) {
+            text += i % 2 == 0 ? R"({"s":"ab","l":")" + longText + R"(","next":)" : R"([")" + longText + R"(","cd",)";
+        }
+        text += "null";
+        for (std::size_t i = depth; i-- > 0;) text += i % 2 == 0 ? "}" : "]";
+        auto parsed = parseJson(text);
+        ASSERT_TRUE(parsed) << depth;
+        Json copy = *parsed;
+        EXPECT_EQ(copy, *parsed);
+        EXPECT_EQ(copy.find("l")->stringValue(), longText);
+        const Json* second = copy.find("next");
+        ASSERT_TRUE(second != nullptr && second->isArray());
+        EXPECT_EQ(second->arrayValue()[1], Json::string("cd"));
+        copy.mutableObject()[0].value.mutableString() = "changed";
+        EXPECT_FALSE(copy == *parsed);
+        parsed.reset();
+        EXPECT_EQ(copy.find("s")->stringValue(), "changed");
+    }
+}
+
+TEST(JsonModelTests, StringsAndContainersSurviveMovesAndTypeChanges) {
+    const std::string longText(100, 'q');
+    Json text = Json::string(longText);
+    Json moved = std::move(text);
+    EXPECT_TRUE(text.isNull()); // NOLINT(bugprone-use-after-move): a moved-from value is null
+    EXPECT_EQ(moved.stringValue(), longText);
+    Json array = Json::array();
+    array.mutableArray().push_back(std::move(moved));
+    array.mutableArray().push_back(Json::string("short"));
+    array.mutableArray().push_back(Json::object({{"k", Json::string(longText)}}));
+    Json copy = array;
+    copy = std::move(copy.mutableArray()[2]); // from inside the own tree
+    EXPECT_EQ(write(copy), R"({"k":")" + longText + R"("})");
+    copy.mutableString() = "now a string";
+    EXPECT_EQ(copy, Json::string("now a string"));
+    copy.mutableArray().push_back(Json::integer(1));
+    EXPECT_EQ(write(copy), "[1]");
+    EXPECT_EQ(write(array), R"([")" + longText + R"(","short",{"k":")" + longText + R"("}])");
+    EXPECT_EQ(Json::integer(5).stringValue(), "");
+    EXPECT_TRUE(Json::string("x").objectValue().empty());
+}
+
+// The reader keeps its working storage from one line to the next: nothing of a refused,
+// huge or concurrent line may show up in another line's value.
+TEST(JsonReaderTests, EachLineIsReadOnItsOwn) {
+    EXPECT_FALSE(parseJson(R"({"a\u0041":["a long string that needs storage",{"b":"c","k\n":[1,2)"));
+    EXPECT_EQ(canonical(R"({"x":[1,{"y":"z"}]})"), R"({"x":[1,{"y":"z"}]})");
+
+    std::string huge = "[";
+    for (int i = 0; i < 50'000; ++i) huge += (i != 0 ? ",\"v" : "\"v") + std::to_string(i) + "\"";
+    huge += "]";
+    auto hugeValue = parseJson(huge);
+    ASSERT_TRUE(hugeValue);
+    EXPECT_EQ(hugeValue->arrayValue().size(), 50'000u);
+    EXPECT_EQ(hugeValue->arrayValue()[49'999], Json::string("v49999"));
+    EXPECT_EQ(canonical(R"({"\u00e9":1,"b":[true]})"), "{\"b\":[true],\"\xC3\xA9\":1}");
+
+    std::vector<std::thread> readers;
+    std::vector<int> mismatches(4, 0);
+    for (int t = 0; t < 4; ++t) {
+        readers.emplace_back([t, &mismatches] {
+            for (int i = 0; i < 2'000; ++i) {
+                const std::string line = R"({"id":)" + std::to_string(t * 100'000 + i) + R"(,"p":{"name":"thread-)" +
+                                         std::to_string(t) + R"(-with-a-long-name"}})";
+                auto value = parseJson(line);
+                if (!value || writeJson(*value) != line) ++mismatches[static_cast<std::size_t>(t)];
+            }
+        });
+    }
+    for (std::thread& reader : readers) reader.join();
+    EXPECT_EQ(mismatches, std::vector<int>(4, 0));
 }
 
 TEST(JsonModelTests, KeepsDuplicateKeysAndFindsTheLast) {
