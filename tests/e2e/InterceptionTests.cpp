@@ -8,9 +8,9 @@
 #include <chrono>
 #include <fstream>
 #include <optional>
+#include <regex>
 #include <set>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -22,10 +22,12 @@ namespace sentrova::e2e {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 
-const std::string kReasonSeparator = " \xE2\x80\x94 ";
+const std::string kDash = " \xE2\x80\x94 ";
 const std::string kClosing = ". Do not retry this exact call; ask the user or choose a different action.";
 const std::string kToken = "tok/en=1 x";
+const std::string kNoAnswer = "Sentrova gateway did not answer in time; denying (fail-closed).";
 
 // Pins of the tool definitions below, computed outside the bridge (sha256sum over the sorted,
 // compact text of the five pinned keys, "/" written as "\/").
@@ -45,17 +47,12 @@ const std::string kReadFileChangedTool =
 const std::string kWipeDiskTool =
     R"({"name":"wipe_disk","description":"Wipes the disk","inputSchema":{"type":"object"},"annotations":{}})";
 
-// The body of a JSON string for the texts of these tests: quotation marks and backslashes
-// escaped, "/" and UTF-8 as they are.
+// The body of a JSON string for the texts of these tests: quotes, backslashes and tabs escaped.
 std::string jsonEscaped(const std::string& text) {
     std::string out;
     for (const char c : text) {
         if (c == '"' || c == '\\') out.push_back('\\');
-        if (c == '\t') {
-            out += "\\t";
-            continue;
-        }
-        out.push_back(c);
+        out += c == '\t' ? std::string("\\t") : std::string(1, c);
     }
     return out;
 }
@@ -64,66 +61,74 @@ std::string denyLine(const std::string& idJSON, const std::string& message) {
     return R"({"id":)" + idJSON + R"(,"jsonrpc":"2.0","result":{"content":[{"text":")" + jsonEscaped(message) +
            R"(","type":"text"}],"isError":true}})";
 }
-
 std::string policyDeny(const std::string& tool, const std::string& reason) {
-    return "Denied by Sentrova policy: " + tool + " was not approved" + kReasonSeparator + reason + kClosing;
+    return "Denied by Sentrova policy: " + tool + " was not approved" + kDash + reason + kClosing;
 }
-
 std::string pinDeny(const std::string& tool, const std::string& reason) {
-    return "Denied by Sentrova (tool-pin violation): " + tool + " changed since it was last approved" + kReasonSeparator +
-           reason + kClosing;
+    return "Denied by Sentrova (tool-pin violation): " + tool + " changed since it was last approved" + kDash + reason +
+           kClosing;
 }
-
 std::string callLine(const std::string& idJSON, const std::string& tool, const std::string& extraParams = "") {
     return R"({"jsonrpc":"2.0","id":)" + idJSON + R"(,"method":"tools/call","params":{"name":")" + tool + "\"" +
            extraParams + "}}";
 }
-
 std::string listLine(int id) { return R"({"jsonrpc":"2.0","id":)" + std::to_string(id) + R"(,"method":"tools/list"})"; }
 std::string pingLine(int id) { return R"({"jsonrpc":"2.0","id":)" + std::to_string(id) + R"(,"method":"ping"})"; }
-
 // What the scripted server answers to a request with this raw id text.
 std::string serverAnswer(const std::string& idText, const std::string& result) {
     return R"({"jsonrpc":"2.0","id":)" + idText + R"(,"result":)" + result + "}";
 }
-std::string textResult(const std::string& text) {
-    return R"({"content":[{"text":")" + text + R"(","type":"text"}]})";
+std::string textResult(const std::string& text) { return R"({"content":[{"text":")" + text + R"(","type":"text"}]})"; }
+std::string progressLine(const std::string& tokenJSON, std::size_t progress) {
+    return R"({"jsonrpc":"2.0","method":"notifications/progress","params":{"message":"Awaiting Sentrova approval)"
+           "\xE2\x80\xA6"
+           R"(","progress":)" +
+           std::to_string(progress) + R"(,"progressToken":)" + tokenJSON + "}}";
 }
 
 void writeFile(const std::string& path, const std::string& contents) {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file << contents;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
 }
 
-std::vector<std::string> withOptions(std::vector<std::string> options, const std::vector<std::string>& args) {
-    options.insert(options.end(), args.begin(), args.end());
-    return options;
-}
+double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-std::string serverCommand(const std::vector<std::string>& script) {
-    std::string command = scriptedServerPath();
-    for (const auto& word : script) command += " " + word;
-    return command;
-}
+// One bridge in front of the scripted server, which records every line it receives.
+struct BridgeRun {
+    BridgeRun(const std::string& origin, std::vector<std::string> serverWords, std::vector<std::string> options = {},
+        Environment env = testEnvironment())
+        : record(temporaryPath("interception.record")) {
+        script = {"--record", record};
+        script.insert(script.end(), serverWords.begin(), serverWords.end());
+        script.push_back("--serve");
+        const auto args = bridgeArgs(origin, script);
+        options.insert(options.end(), args.begin(), args.end());
+        bridge = ChildProcess::startBridge(options, env);
+    }
+    std::string send(const std::string& line) {
+        EXPECT_TRUE(bridge->writeLine(line));
+        return bridge->readLine().value_or("(no answer)");
+    }
+    // Ends the run by closing the client's side and returns what the server received.
+    std::string finish() {
+        bridge->closeInput();
+        EXPECT_EQ(bridge->waitExit(), (ExitStatus{0, 0}));
+        return readFile(record);
+    }
+    std::string serverCommand() const {
+        std::string command = scriptedServerPath();
+        for (const auto& word : script) command += " " + word;
+        return command;
+    }
+    std::string record;
+    std::vector<std::string> script;
+    std::unique_ptr<ChildProcess> bridge;
+};
 
 Environment environmentWithToken() {
     Environment env = testEnvironment();
     env["SENTROVA_GATEWAY_TOKEN"] = kToken;
     return env;
 }
-
-// 8-4-4-4-12 upper-case hexadecimal digits, version 4, RFC 4122 variant.
-bool isUpperCaseUUIDv4(const std::string& text) {
-    if (text.size() != 36) return false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        const bool hyphen = i == 8 || i == 13 || i == 18 || i == 23;
-        if (hyphen ? c != '-' : !((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) return false;
-    }
-    return text[14] == '4' && std::string_view("89AB").find(text[19]) != std::string_view::npos;
-}
-
-double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 // The query body as the gateway must receive it: every member in ascending order, the
 // arguments as one JSON string, optional members left out when not set.
@@ -149,8 +154,7 @@ struct ExpectedQuery {
 
 // Checks one recorded query against the expectation and returns its request id.
 std::string expectQuery(const RecordedRequest& query, const ExpectedQuery& expected) {
-    EXPECT_EQ(query.method, "POST");
-    EXPECT_EQ(query.path, "/v1/toolcall");
+    EXPECT_EQ(query.method + " " + query.path, "POST /v1/toolcall");
     EXPECT_EQ(query.header("Content-Type"), "application/json");
     const auto parsed = parseJson(query.body);
     const Json* id = parsed ? parsed->find("requestID") : nullptr;
@@ -158,170 +162,15 @@ std::string expectQuery(const RecordedRequest& query, const ExpectedQuery& expec
         ADD_FAILURE() << "no requestID in " << query.body;
         return "";
     }
-    EXPECT_TRUE(isUpperCaseUUIDv4(id->stringValue())) << id->stringValue();
+    // 8-4-4-4-12 upper-case hexadecimal digits, version 4, RFC 4122 variant.
+    EXPECT_TRUE(std::regex_match(id->stringValue(), std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-"
+                                                               "[0-9A-F]{12}")))
+        << id->stringValue();
     EXPECT_EQ(query.body, expected.body(id->stringValue()));
     return id->stringValue();
 }
 
-std::string pinViolationBody(const std::string& tool, const std::string& previous, const std::string& current) {
-    return R"({"kind":"pinViolation","pinHash":")" + current + R"(","previousPinHash":")" + previous +
-           R"(","tool":")" + tool + R"(","workerName":"e2e-worker"})";
-}
-
-std::string progressLine(const std::string& tokenJSON, int progress) {
-    return R"({"jsonrpc":"2.0","method":"notifications/progress","params":{"message":"Awaiting Sentrova approval)"
-           "\xE2\x80\xA6"
-           R"(","progress":)" +
-           std::to_string(progress) + R"(,"progressToken":)" + tokenJSON + "}}";
-}
-
-// Ends the run by closing the client's side and returns what the server received.
-std::string finishAndReadRecord(ChildProcess& bridge, const std::string& record) {
-    bridge.closeInput();
-    EXPECT_EQ(bridge.waitExit(), (ExitStatus{0, 0}));
-    return readFile(record);
-}
-
-// ---------------------------------------------------------------------------------------------
-
-TEST(InterceptionTests, AllowedCallsReachTheServerByteForByteWithAFullQuery) {
-    TestGateway gateway; // allows
-    const std::string record = temporaryPath("allowed.record");
-    const std::string tools = temporaryPath("allowed.tools");
-    writeFile(tools, "[ " + kReadFileTool + " , " + kWipeDiskTool + "]");
-    const std::string result = R"({ "content" : [{"type":"text","text":"done \/ caf\u00e9"}],"isError":false })";
-    const std::vector<std::string> script = {"--tools-file", tools, "--record", record, "--call-result", result,
-                                             "--serve"};
-    auto bridge = ChildProcess::startBridge(
-        withOptions({"--provider", "acme-llm"}, bridgeArgs(gateway.origin(), script)), environmentWithToken());
-    ASSERT_NE(bridge, nullptr);
-
-    ASSERT_TRUE(bridge->writeLine(listLine(1)));
-    EXPECT_EQ(bridge->readLine(), serverAnswer("1", "{\"tools\":[ " + kReadFileTool + " , " + kWipeDiskTool + "]}"));
-
-    // Odd spacing, members out of order, escaped slashes, \u escapes, trailing blanks.
-    const std::string oddCall =
-        R"({ "params" : { "arguments" : {"z":1, "path":"\/etc\/hosts","a":{"y":"x/y","b":[true,null,1.5]},)"
-        R"("note":"caf\u00e9 \"q\"\ttab"}, "name":"read_file" }, "id" : 2 ,"method":"tools/call",  "jsonrpc":"2.0"}  )";
-    ASSERT_TRUE(bridge->writeLine(oddCall));
-    EXPECT_EQ(bridge->readLine(), serverAnswer("2 ", result));
-
-    // A string id and no arguments; then a tool the server never listed, with array arguments.
-    const std::string wipeCall = callLine(R"("w-1")", "wipe_disk");
-    ASSERT_TRUE(bridge->writeLine(wipeCall));
-    EXPECT_EQ(bridge->readLine(), serverAnswer(R"("w-1")", result));
-    const std::string unlistedCall = callLine("3", "unlisted", R"(,"arguments":["x/y",{"b":2,"a":1}])");
-    ASSERT_TRUE(bridge->writeLine(unlistedCall));
-    EXPECT_EQ(bridge->readLine(), serverAnswer("3", result));
-
-    EXPECT_EQ(finishAndReadRecord(*bridge, record),
-              listLine(1) + "\n" + oddCall + "\n" + wipeCall + "\n" + unlistedCall + "\n");
-
-    const auto queries = gateway.queries();
-    ASSERT_EQ(queries.size(), 3u);
-    ExpectedQuery expected;
-    expected.provider = "acme-llm";
-    expected.serverCommand = serverCommand(script);
-
-    expected.tool = "read_file";
-    expected.argumentsJSON = R"({"a":{"b":[true,null,1.5],"y":"x/y"},"note":"café \"q\"\ttab","path":"/etc/hosts","z":1})";
-    expected.risk = "safe";
-    expected.pinHash = kReadFilePin;
-    std::set<std::string> requestIDs = {expectQuery(queries[0], expected)};
-
-    expected.tool = "wipe_disk";
-    expected.argumentsJSON = "{}";
-    expected.risk = "critical";
-    expected.pinHash = kWipeDiskPin;
-    requestIDs.insert(expectQuery(queries[1], expected));
-
-    expected.tool = "unlisted";
-    expected.argumentsJSON = R"(["x/y",{"a":1,"b":2}])";
-    expected.risk = "caution";
-    expected.pinHash = "";
-    requestIDs.insert(expectQuery(queries[2], expected));
-
-    EXPECT_EQ(requestIDs.size(), 3u) << "request ids must be fresh for every call";
-    for (const auto& query : queries) EXPECT_EQ(query.header("Authorization"), "Bearer " + kToken);
-    EXPECT_TRUE(gateway.events().empty());
-}
-
-TEST(InterceptionTests, DeniedCallsGetExactlyTheDenyLineAndNeverReachTheServer) {
-    TestGateway gateway;
-    const std::string reason = R"(rule "no-wipe" at /policy)";
-    gateway.answerQueries({200, TestGateway::denyBody(reason), {}});
-    const std::string record = temporaryPath("denied.record");
-    auto bridge = ChildProcess::startBridge(
-        bridgeArgs(gateway.origin(), {"--record", record, "--call-text", "wiped", "--serve"}));
-    ASSERT_NE(bridge, nullptr);
-
-    ASSERT_TRUE(bridge->writeLine(callLine("7", "wipe_disk", R"(,"arguments":{"all":true})")));
-    EXPECT_EQ(bridge->readLine(), denyLine("7", policyDeny("wipe_disk", reason)));
-    ASSERT_TRUE(bridge->writeLine(callLine(R"("s-8")", "wipe_disk")));
-    EXPECT_EQ(bridge->readLine(), denyLine(R"("s-8")", policyDeny("wipe_disk", reason)));
-
-    // A deny without a reason of its own carries the policy sentence, full stop and all.
-    gateway.answerQueries({200, R"({"decision":"deny"})", {}});
-    ASSERT_TRUE(bridge->writeLine(callLine("9", "wipe_disk")));
-    EXPECT_EQ(bridge->readLine(), denyLine("9", policyDeny("wipe_disk", "Denied by Sentrova policy.")));
-
-    ASSERT_TRUE(bridge->writeLine(pingLine(10)));
-    EXPECT_EQ(finishAndReadRecord(*bridge, record), pingLine(10) + "\n");
-    EXPECT_EQ(gateway.queries().size(), 3u);
-    EXPECT_TRUE(bridge->output().waitForEnd(defaultTimeout));
-    EXPECT_FALSE(bridge->readLine(std::chrono::milliseconds(0)).has_value()) << "nothing but the three denies";
-}
-
-TEST(InterceptionTests, GatewayTroubleGivesItsOwnDenyReason) {
-    const std::string noAnswer = "Sentrova gateway did not answer in time; denying (fail-closed).";
-    {
-        SCOPED_TRACE("gateway down");
-        const std::string record = temporaryPath("down.record");
-        const std::string down = "http://127.0.0.1:" + std::to_string(closedLocalPort());
-        auto bridge = ChildProcess::startBridge(bridgeArgs(down, {"--record", record, "--serve"}));
-        ASSERT_NE(bridge, nullptr);
-        const auto started = Clock::now();
-        ASSERT_TRUE(bridge->writeLine(callLine("1", "wipe_disk")));
-        EXPECT_EQ(bridge->readLine(), denyLine("1", policyDeny("wipe_disk", noAnswer)));
-        EXPECT_LT(secondsSince(started), 15.0) << "a refused connection is known at once";
-        EXPECT_EQ(finishAndReadRecord(*bridge, record), "");
-    }
-    {
-        SCOPED_TRACE("status 500");
-        TestGateway gateway;
-        gateway.answerQueries({500, TestGateway::allowBody(), {}});
-        const std::string record = temporaryPath("500.record");
-        auto bridge = ChildProcess::startBridge(bridgeArgs(gateway.origin(), {"--record", record, "--serve"}));
-        ASSERT_NE(bridge, nullptr);
-        ASSERT_TRUE(bridge->writeLine(callLine("2", "wipe_disk")));
-        EXPECT_EQ(bridge->readLine(), denyLine("2", policyDeny("wipe_disk", noAnswer)));
-        EXPECT_EQ(finishAndReadRecord(*bridge, record), "");
-        EXPECT_EQ(gateway.queries().size(), 1u);
-    }
-    {
-        SCOPED_TRACE("slower than the deadline");
-        TestGateway gateway;
-        // The allow comes far too late and must not let the call through afterwards.
-        gateway.answerQueries({200, TestGateway::allowBody(), std::chrono::milliseconds(3000)});
-        const std::string record = temporaryPath("slow.record");
-        auto bridge = ChildProcess::startBridge(
-            withOptions({"--deadline", "0.5"}, bridgeArgs(gateway.origin(), {"--record", record, "--serve"})));
-        ASSERT_NE(bridge, nullptr);
-        const auto started = Clock::now();
-        ASSERT_TRUE(bridge->writeLine(callLine("3", "wipe_disk")));
-        EXPECT_EQ(bridge->readLine(),
-                  denyLine("3", policyDeny("wipe_disk", "Sentrova approval timed out; denying by policy (fail-closed).")));
-        const double elapsed = secondsSince(started);
-        EXPECT_GE(elapsed, 0.45);
-        EXPECT_LT(elapsed, 2.5) << "the deadline, not the gateway's 3 s, ends the wait";
-        ASSERT_TRUE(gateway.waitForQueries(1, defaultTimeout));
-        std::this_thread::sleep_for(std::chrono::milliseconds(3500) - (Clock::now() - started));
-        ASSERT_TRUE(bridge->writeLine(pingLine(4)));
-        EXPECT_EQ(finishAndReadRecord(*bridge, record), pingLine(4) + "\n");
-    }
-}
-
-// Reads client lines up to and including the first one that is not a progress notification.
+// Client lines up to and including the first one that is not a progress notification.
 struct LinesUntilAnswer {
     std::vector<std::string> notifications;
     std::string answer;
@@ -338,80 +187,165 @@ LinesUntilAnswer readUntilAnswer(ChildProcess& bridge) {
     return lines;
 }
 
-// Ticks at 0.2, 0.4 and 0.6 s give progress 1, 2, 3 before the decision at 0.7 s. A decision
-// that is more than 0.1 s late on a loaded machine may let the tick at 0.8 s through as well,
-// but no more: the heartbeat stops as soon as the decision is in.
-void expectHeartbeats(const std::vector<std::string>& notifications, const std::string& tokenJSON) {
+// Ticks at 0.2, 0.4 and 0.6 s give progress 1, 2, 3 before the decision at 0.7 s; a loaded
+// machine may let the tick at 0.8 s through as well, but no more. After the answer at most one
+// tick that was already running may still arrive.
+void expectHeartbeats(ChildProcess& bridge, const std::vector<std::string>& notifications, const std::string& token) {
     EXPECT_GE(notifications.size(), 3u);
     EXPECT_LE(notifications.size(), 4u);
-    for (std::size_t i = 0; i < notifications.size(); ++i) {
-        EXPECT_EQ(notifications[i], progressLine(tokenJSON, static_cast<int>(i) + 1));
+    for (std::size_t i = 0; i < notifications.size(); ++i) EXPECT_EQ(notifications[i], progressLine(token, i + 1));
+    std::this_thread::sleep_for(milliseconds(600)); // three intervals
+    if (auto late = bridge.readLine(milliseconds(0))) {
+        EXPECT_EQ(*late, progressLine(token, notifications.size() + 1));
     }
+    EXPECT_FALSE(bridge.readLine(milliseconds(0)).has_value()) << "heartbeat still running";
 }
 
-// After a call's answer at most one tick that was already running may still arrive.
-void expectHeartbeatStopped(ChildProcess& bridge, const std::string& tokenJSON, std::size_t sent) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(600)); // three intervals
-    if (auto late = bridge.readLine(std::chrono::milliseconds(0))) {
-        EXPECT_EQ(*late, progressLine(tokenJSON, static_cast<int>(sent) + 1));
+// ---------------------------------------------------------------------------------------------
+
+TEST(InterceptionTests, AllowedCallsReachTheServerByteForByteWithAFullQuery) {
+    TestGateway gateway; // allows
+    const std::string tools = temporaryPath("allowed.tools");
+    writeFile(tools, "[ " + kReadFileTool + " , " + kWipeDiskTool + "]");
+    const std::string result = R"({ "content" : [{"type":"text","text":"done \/ caf\u00e9"}],"isError":false })";
+    BridgeRun run(gateway.origin(), {"--tools-file", tools, "--call-result", result}, {"--provider", "acme-llm"},
+            environmentWithToken());
+    ASSERT_NE(run.bridge, nullptr);
+    EXPECT_EQ(run.send(listLine(1)), serverAnswer("1", "{\"tools\":[ " + kReadFileTool + " , " + kWipeDiskTool + "]}"));
+
+    // Odd spacing, members out of order, escaped slashes, \u escapes, trailing blanks; then a
+    // string id and no arguments; then a tool the server never listed, with array arguments.
+    const std::string oddCall =
+        R"({ "params" : { "arguments" : {"z":1, "path":"\/etc\/hosts","a":{"y":"x/y","b":[true,null,1.5]},)"
+        R"("note":"caf\u00e9 \"q\"\ttab"}, "name":"read_file" }, "id" : 2 ,"method":"tools/call",  "jsonrpc":"2.0"}  )";
+    const std::string wipeCall = callLine(R"("w-1")", "wipe_disk");
+    const std::string unlistedCall = callLine("3", "unlisted", R"(,"arguments":["x/y",{"b":2,"a":1}])");
+    EXPECT_EQ(run.send(oddCall), serverAnswer("2 ", result));
+    EXPECT_EQ(run.send(wipeCall), serverAnswer(R"("w-1")", result));
+    EXPECT_EQ(run.send(unlistedCall), serverAnswer("3", result));
+    EXPECT_EQ(run.finish(), listLine(1) + "\n" + oddCall + "\n" + wipeCall + "\n" + unlistedCall + "\n");
+
+    const auto queries = gateway.queries();
+    ASSERT_EQ(queries.size(), 3u);
+    ExpectedQuery expected{R"({"a":{"b":[true,null,1.5],"y":"x/y"},"note":"café \"q\"\ttab","path":"/etc/hosts","z":1})",
+                           false, kReadFilePin, std::nullopt, "acme-llm", "safe", run.serverCommand(), "read_file"};
+    std::set<std::string> requestIDs = {expectQuery(queries[0], expected)};
+    expected.tool = "wipe_disk";
+    expected.argumentsJSON = "{}";
+    expected.risk = "critical";
+    expected.pinHash = kWipeDiskPin;
+    requestIDs.insert(expectQuery(queries[1], expected));
+    expected.tool = "unlisted";
+    expected.argumentsJSON = R"(["x/y",{"a":1,"b":2}])";
+    expected.risk = "caution";
+    expected.pinHash = "";
+    requestIDs.insert(expectQuery(queries[2], expected));
+    EXPECT_EQ(requestIDs.size(), 3u) << "request ids must be fresh for every call";
+    for (const auto& query : queries) EXPECT_EQ(query.header("Authorization"), "Bearer " + kToken);
+    EXPECT_TRUE(gateway.events().empty());
+}
+
+TEST(InterceptionTests, DeniedCallsGetExactlyTheDenyLineAndNeverReachTheServer) {
+    TestGateway gateway;
+    const std::string reason = R"(rule "no-wipe" at /policy)";
+    gateway.answerQueries({200, TestGateway::denyBody(reason), {}});
+    BridgeRun run(gateway.origin(), {"--call-text", "wiped"});
+    ASSERT_NE(run.bridge, nullptr);
+    EXPECT_EQ(run.send(callLine("7", "wipe_disk", R"(,"arguments":{"all":true})")),
+              denyLine("7", policyDeny("wipe_disk", reason)));
+    EXPECT_EQ(run.send(callLine(R"("s-8")", "wipe_disk")), denyLine(R"("s-8")", policyDeny("wipe_disk", reason)));
+    // A deny without a reason of its own carries the policy sentence, full stop and all.
+    gateway.answerQueries({200, R"({"decision":"deny"})", {}});
+    EXPECT_EQ(run.send(callLine("9", "wipe_disk")), denyLine("9", policyDeny("wipe_disk", "Denied by Sentrova policy.")));
+
+    ASSERT_TRUE(run.bridge->writeLine(pingLine(10)));
+    EXPECT_EQ(run.finish(), pingLine(10) + "\n");
+    EXPECT_EQ(gateway.queries().size(), 3u);
+    EXPECT_TRUE(run.bridge->output().waitForEnd(defaultTimeout));
+    EXPECT_FALSE(run.bridge->readLine(milliseconds(0)).has_value()) << "nothing but the three denies";
+}
+
+TEST(InterceptionTests, GatewayTroubleGivesItsOwnDenyReason) {
+    {
+        SCOPED_TRACE("gateway down");
+        BridgeRun run("http://127.0.0.1:" + std::to_string(closedLocalPort()), {});
+        ASSERT_NE(run.bridge, nullptr);
+        const auto started = Clock::now();
+        EXPECT_EQ(run.send(callLine("1", "wipe_disk")), denyLine("1", policyDeny("wipe_disk", kNoAnswer)));
+        EXPECT_LT(secondsSince(started), 15.0) << "a refused connection is known at once";
+        EXPECT_EQ(run.finish(), "");
     }
-    EXPECT_FALSE(bridge.readLine(std::chrono::milliseconds(0)).has_value()) << "heartbeat still running";
+    {
+        SCOPED_TRACE("status 500");
+        TestGateway gateway;
+        gateway.answerQueries({500, TestGateway::allowBody(), {}});
+        BridgeRun run(gateway.origin(), {});
+        ASSERT_NE(run.bridge, nullptr);
+        EXPECT_EQ(run.send(callLine("2", "wipe_disk")), denyLine("2", policyDeny("wipe_disk", kNoAnswer)));
+        EXPECT_EQ(run.finish(), "");
+        EXPECT_EQ(gateway.queries().size(), 1u);
+    }
+    {
+        SCOPED_TRACE("slower than the deadline");
+        TestGateway gateway;
+        // The allow comes far too late and must not let the call through afterwards.
+        gateway.answerQueries({200, TestGateway::allowBody(), milliseconds(3000)});
+        BridgeRun run(gateway.origin(), {}, {"--deadline", "0.5"});
+        ASSERT_NE(run.bridge, nullptr);
+        const auto started = Clock::now();
+        EXPECT_EQ(run.send(callLine("3", "wipe_disk")),
+                  denyLine("3", policyDeny("wipe_disk", "Sentrova approval timed out; denying by policy (fail-closed).")));
+        const double elapsed = secondsSince(started);
+        EXPECT_GE(elapsed, 0.45);
+        EXPECT_LT(elapsed, 2.5) << "the deadline, not the gateway's 3 s, ends the wait";
+        ASSERT_TRUE(gateway.waitForQueries(1, defaultTimeout));
+        std::this_thread::sleep_for(milliseconds(3500) - (Clock::now() - started));
+        ASSERT_TRUE(run.bridge->writeLine(pingLine(4)));
+        EXPECT_EQ(run.finish(), pingLine(4) + "\n");
+    }
 }
 
 TEST(InterceptionTests, HeartbeatsWhileTheGatewayThinks) {
     TestGateway gateway;
-    gateway.answerQueries({200, TestGateway::allowBody(), std::chrono::milliseconds(700)});
-    const std::string record = temporaryPath("heartbeat.record");
-    auto bridge = ChildProcess::startBridge(withOptions(
-        {"--heartbeat", "0.2"}, bridgeArgs(gateway.origin(), {"--record", record, "--call-text", "slow", "--serve"})));
-    ASSERT_NE(bridge, nullptr);
+    gateway.answerQueries({200, TestGateway::allowBody(), milliseconds(700)});
+    BridgeRun run(gateway.origin(), {"--call-text", "slow"}, {"--heartbeat", "0.2"});
+    ASSERT_NE(run.bridge, nullptr);
 
     const std::string stringToken = callLine("1", "slow_tool", R"(,"_meta":{"progressToken":"hb-1"})");
-    ASSERT_TRUE(bridge->writeLine(stringToken));
-    const LinesUntilAnswer first = readUntilAnswer(*bridge);
-    expectHeartbeats(first.notifications, R"("hb-1")");
+    ASSERT_TRUE(run.bridge->writeLine(stringToken));
+    const LinesUntilAnswer first = readUntilAnswer(*run.bridge);
     EXPECT_EQ(first.answer, serverAnswer("1", textResult("slow")));
-    expectHeartbeatStopped(*bridge, R"("hb-1")", first.notifications.size());
+    expectHeartbeats(*run.bridge, first.notifications, R"("hb-1")");
 
     // A numeric token comes back as the same number, counting from 1 again; a deny stops it too.
-    gateway.answerQueries({200, TestGateway::denyBody("not now"), std::chrono::milliseconds(700)});
-    ASSERT_TRUE(bridge->writeLine(callLine("2", "slow_tool", R"(,"_meta":{"progressToken":7})")));
-    const LinesUntilAnswer second = readUntilAnswer(*bridge);
-    expectHeartbeats(second.notifications, "7");
+    gateway.answerQueries({200, TestGateway::denyBody("not now"), milliseconds(700)});
+    ASSERT_TRUE(run.bridge->writeLine(callLine("2", "slow_tool", R"(,"_meta":{"progressToken":7})")));
+    const LinesUntilAnswer second = readUntilAnswer(*run.bridge);
     EXPECT_EQ(second.answer, denyLine("2", policyDeny("slow_tool", "not now")));
-    expectHeartbeatStopped(*bridge, "7", second.notifications.size());
+    expectHeartbeats(*run.bridge, second.notifications, "7");
 
     // No progress token, no heartbeat.
-    gateway.answerQueries({200, TestGateway::allowBody(), std::chrono::milliseconds(700)});
+    gateway.answerQueries({200, TestGateway::allowBody(), milliseconds(700)});
     const std::string noToken = callLine("3", "slow_tool", R"(,"_meta":{"other":1})");
-    ASSERT_TRUE(bridge->writeLine(noToken));
-    const LinesUntilAnswer third = readUntilAnswer(*bridge);
-    EXPECT_TRUE(third.notifications.empty()) << third.notifications.front();
-    EXPECT_EQ(third.answer, serverAnswer("3", textResult("slow")));
+    EXPECT_EQ(run.send(noToken), serverAnswer("3", textResult("slow")));
 
-    EXPECT_EQ(finishAndReadRecord(*bridge, record), stringToken + "\n" + noToken + "\n");
-    const auto queries = gateway.queries();
-    ASSERT_EQ(queries.size(), 3u);
-    EXPECT_FALSE(queries[0].hasHeader("Authorization")) << "no token, no Authorization header";
+    EXPECT_EQ(run.finish(), stringToken + "\n" + noToken + "\n");
+    ASSERT_EQ(gateway.queries().size(), 3u);
+    EXPECT_FALSE(gateway.queries()[0].hasHeader("Authorization")) << "no token, no Authorization header";
 }
 
 TEST(InterceptionTests, AnImageInAnAllowedAnswerIsReportedAsAScreenshot) {
     TestGateway gateway; // allows
-    const std::string record = temporaryPath("screenshot.record");
     const std::string data = "iVBORw0KGgo/+AAA=";
-    auto bridge = ChildProcess::startBridge(
-        bridgeArgs(gateway.origin(), {"--record", record, "--call-image", data, "image/jpeg", "--serve"}),
-        environmentWithToken());
-    ASSERT_NE(bridge, nullptr);
-
+    BridgeRun run(gateway.origin(), {"--call-image", data, "image/jpeg"}, {}, environmentWithToken());
+    ASSERT_NE(run.bridge, nullptr);
     const std::string call = callLine("1", "take_screenshot");
-    ASSERT_TRUE(bridge->writeLine(call));
-    EXPECT_EQ(bridge->readLine(),
+    EXPECT_EQ(run.send(call),
               serverAnswer("1", R"({"content":[{"data":")" + data + R"(","mimeType":"image/jpeg","type":"image"}]})"));
     ASSERT_TRUE(gateway.waitForEvents(1, defaultTimeout));
     const auto events = gateway.events();
     ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].method, "POST");
+    EXPECT_EQ(events[0].method + " " + events[0].path, "POST /v1/event");
     EXPECT_EQ(events[0].body,
               R"({"base64":")" + data + R"(","kind":"screenshot","mimeType":"image/jpeg","workerName":"e2e-worker"})");
     EXPECT_EQ(events[0].header("Authorization"), "Bearer " + kToken);
@@ -419,67 +353,53 @@ TEST(InterceptionTests, AnImageInAnAllowedAnswerIsReportedAsAScreenshot) {
 
     // A denied call brings no answer from the server, so no screenshot either.
     gateway.answerQueries({200, TestGateway::denyBody("no"), {}});
-    ASSERT_TRUE(bridge->writeLine(callLine("2", "take_screenshot")));
-    EXPECT_EQ(bridge->readLine(), denyLine("2", policyDeny("take_screenshot", "no")));
-    EXPECT_EQ(finishAndReadRecord(*bridge, record), call + "\n");
+    EXPECT_EQ(run.send(callLine("2", "take_screenshot")), denyLine("2", policyDeny("take_screenshot", "no")));
+    EXPECT_EQ(run.finish(), call + "\n");
     EXPECT_EQ(gateway.events().size(), 1u);
 }
 
 TEST(InterceptionTests, AChangedToolDefinitionIsReportedUntilItIsApproved) {
     TestGateway gateway; // allows
-    const std::string record = temporaryPath("pins.record");
     const std::string tools = temporaryPath("pins.tools");
     writeFile(tools, "[" + kReadFileTool + "]");
-    auto bridge = ChildProcess::startBridge(bridgeArgs(
-        gateway.origin(), {"--tools-file", tools, "--record", record, "--call-text", "ok", "--serve"}));
-    ASSERT_NE(bridge, nullptr);
-    std::string expectedRecord;
-    auto send = [&](const std::string& line) {
-        EXPECT_TRUE(bridge->writeLine(line));
-        return bridge->readLine().value_or("(no answer)");
-    };
+    BridgeRun run(gateway.origin(), {"--tools-file", tools, "--call-text", "ok"});
+    ASSERT_NE(run.bridge, nullptr);
     auto call = [](int id) { return callLine(std::to_string(id), "read_file", R"(,"arguments":{"path":"/srv/a"})"); };
+    auto expectEvents = [&](std::size_t count) {
+        const std::string violation = R"({"kind":"pinViolation","pinHash":")" + kReadFileChangedPin +
+                                      R"(","previousPinHash":")" + kReadFilePin +
+                                      R"(","tool":"read_file","workerName":"e2e-worker"})";
+        const auto events = gateway.events();
+        ASSERT_EQ(events.size(), count);
+        for (const auto& event : events) EXPECT_EQ(event.body, violation);
+    };
 
-    EXPECT_EQ(send(listLine(1)), serverAnswer("1", "{\"tools\":[" + kReadFileTool + "]}"));
-    EXPECT_EQ(send(call(2)), serverAnswer("2", textResult("ok")));
-    expectedRecord += listLine(1) + "\n" + call(2) + "\n";
-
+    EXPECT_EQ(run.send(listLine(1)), serverAnswer("1", "{\"tools\":[" + kReadFileTool + "]}"));
+    EXPECT_EQ(run.send(call(2)), serverAnswer("2", textResult("ok")));
     // The server now announces another definition of the same tool.
     writeFile(tools, "[" + kReadFileChangedTool + "]");
-    EXPECT_EQ(send(listLine(3)), serverAnswer("3", "{\"tools\":[" + kReadFileChangedTool + "]}"));
-    expectedRecord += listLine(3) + "\n";
+    EXPECT_EQ(run.send(listLine(3)), serverAnswer("3", "{\"tools\":[" + kReadFileChangedTool + "]}"));
 
     // Denied twice: a deny approves nothing, so both calls are reported as changed. The decision
     // is held back, so an event posted before the query is in by the time the deny arrives.
-    gateway.answerQueries({200, TestGateway::denyBody("review the new definition"), std::chrono::milliseconds(500)});
-    const std::string violation = pinViolationBody("read_file", kReadFilePin, kReadFileChangedPin);
-    EXPECT_EQ(send(call(4)), denyLine("4", pinDeny("read_file", "review the new definition")));
-    ASSERT_EQ(gateway.events().size(), 1u);
-    EXPECT_EQ(gateway.events()[0].body, violation);
-    EXPECT_EQ(send(call(5)), denyLine("5", pinDeny("read_file", "review the new definition")));
-    ASSERT_EQ(gateway.events().size(), 2u);
-    EXPECT_EQ(gateway.events()[1].body, violation);
+    gateway.answerQueries({200, TestGateway::denyBody("review the new definition"), milliseconds(500)});
+    EXPECT_EQ(run.send(call(4)), denyLine("4", pinDeny("read_file", "review the new definition")));
+    expectEvents(1);
+    EXPECT_EQ(run.send(call(5)), denyLine("5", pinDeny("read_file", "review the new definition")));
+    expectEvents(2);
 
     // Allowed while changed: reported once more, then approved, so the next call is clean.
-    gateway.answerQueries({200, TestGateway::allowBody(), std::chrono::milliseconds(300)});
-    EXPECT_EQ(send(call(6)), serverAnswer("6", textResult("ok")));
-    ASSERT_EQ(gateway.events().size(), 3u);
-    EXPECT_EQ(gateway.events()[2].body, violation);
-    EXPECT_EQ(send(call(7)), serverAnswer("7", textResult("ok")));
-    expectedRecord += call(6) + "\n" + call(7) + "\n";
-
-    EXPECT_EQ(finishAndReadRecord(*bridge, record), expectedRecord);
-    EXPECT_EQ(gateway.events().size(), 3u);
+    gateway.answerQueries({200, TestGateway::allowBody(), milliseconds(300)});
+    EXPECT_EQ(run.send(call(6)), serverAnswer("6", textResult("ok")));
+    expectEvents(3);
+    EXPECT_EQ(run.send(call(7)), serverAnswer("7", textResult("ok")));
+    EXPECT_EQ(run.finish(), listLine(1) + "\n" + call(2) + "\n" + listLine(3) + "\n" + call(6) + "\n" + call(7) + "\n");
+    expectEvents(3);
 
     const auto queries = gateway.queries();
     ASSERT_EQ(queries.size(), 5u);
-    ExpectedQuery expected;
-    expected.serverCommand =
-        serverCommand({"--tools-file", tools, "--record", record, "--call-text", "ok", "--serve"});
-    expected.tool = "read_file";
-    expected.argumentsJSON = R"({"path":"/srv/a"})";
-    expected.risk = "safe";
-    expected.pinHash = kReadFilePin;
+    ExpectedQuery expected{R"({"path":"/srv/a"})", false, kReadFilePin, std::nullopt, std::nullopt, "safe",
+                           run.serverCommand(), "read_file"};
     expectQuery(queries[0], expected); // call 2
     expected.pinHash = kReadFileChangedPin;
     expected.pinChanged = true;
@@ -492,27 +412,24 @@ TEST(InterceptionTests, AChangedToolDefinitionIsReportedUntilItIsApproved) {
 
 TEST(InterceptionTests, CallsWithoutIdPassAndMalformedCallsAreDeniedWithoutAQuery) {
     TestGateway gateway; // would allow anything it were asked about
-    const std::string record = temporaryPath("malformed.record");
-    auto bridge = ChildProcess::startBridge(bridgeArgs(gateway.origin(), {"--record", record, "--serve"}));
-    ASSERT_NE(bridge, nullptr);
-
+    BridgeRun run(gateway.origin(), {});
+    ASSERT_NE(run.bridge, nullptr);
     const std::string notification =
         R"({"jsonrpc":"2.0", "method":"tools/call","params":{"name":"wipe_disk","arguments":{"all":true}}})";
-    ASSERT_TRUE(bridge->writeLine(notification));
+    ASSERT_TRUE(run.bridge->writeLine(notification));
 
     const std::string malformed = policyDeny("tool", "the request was malformed");
-    ASSERT_TRUE(bridge->writeLine(R"({"jsonrpc":"2.0","id":3,"method":"tools/call"})"));
-    EXPECT_EQ(bridge->readLine(),
+    EXPECT_EQ(run.send(R"({"jsonrpc":"2.0","id":3,"method":"tools/call"})"),
               R"({"id":3,"jsonrpc":"2.0","result":{"content":[{"text":"Denied by Sentrova policy: tool was not )"
               "approved \xE2\x80\x94 the request was malformed. Do not retry this exact call; ask the user or "
               R"(choose a different action.","type":"text"}],"isError":true}})");
-    ASSERT_TRUE(bridge->writeLine(R"({"jsonrpc":"2.0","id":"m-4","method":"tools/call","params":{"name":42}})"));
-    EXPECT_EQ(bridge->readLine(), denyLine(R"("m-4")", malformed));
-    ASSERT_TRUE(bridge->writeLine(R"({"jsonrpc":"2.0","id":5,"method":"tools/call","params":["wipe_disk"]})"));
-    EXPECT_EQ(bridge->readLine(), denyLine("5", malformed));
+    EXPECT_EQ(run.send(R"({"jsonrpc":"2.0","id":"m-4","method":"tools/call","params":{"name":42}})"),
+              denyLine(R"("m-4")", malformed));
+    EXPECT_EQ(run.send(R"({"jsonrpc":"2.0","id":5,"method":"tools/call","params":"wipe_disk"})"),
+              denyLine("5", malformed));
 
-    ASSERT_TRUE(bridge->writeLine(pingLine(6)));
-    EXPECT_EQ(finishAndReadRecord(*bridge, record), notification + "\n" + pingLine(6) + "\n");
+    ASSERT_TRUE(run.bridge->writeLine(pingLine(6)));
+    EXPECT_EQ(run.finish(), notification + "\n" + pingLine(6) + "\n");
     EXPECT_TRUE(gateway.requests().empty()) << "the gateway must not be asked";
 }
 

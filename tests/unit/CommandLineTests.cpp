@@ -3,6 +3,7 @@
 #include <cmath>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "MCPBridgeCore/CommandLine.hpp"
@@ -37,30 +38,35 @@ BridgeConfig configOf(const Words& args, const Env& env = withGateway) {
 
 } // namespace
 
-TEST(CommandLineTests, EveryFailureHasItsOwnMessage) {
-    EXPECT_EQ(errorOf({}), gatewayMessage);
-    EXPECT_EQ(errorOf({}, withGateway), "--worker-name is required");
-    EXPECT_EQ(errorOf({"--worker-name", "w"}, withGateway), "a real server command is required after --");
-    EXPECT_EQ(errorOf({"--worker-name", "w", "--"}, withGateway), "a real server command is required after --");
-    EXPECT_EQ(errorOf({"--worker-name", "w", "--deadline"}, withGateway), "missing value for --deadline");
-    EXPECT_EQ(errorOf({"--heartbeat"}), "missing value for --heartbeat");
-    EXPECT_EQ(errorOf({"--provider"}), "missing value for --provider");
-    EXPECT_EQ(errorOf({"--worker-name"}), "missing value for --worker-name");
-    EXPECT_EQ(errorOf({"srv"}, withGateway), "unknown argument srv");
-    EXPECT_EQ(errorOf({"--Gateway", "x"}, withGateway), "unknown argument --Gateway");
-    EXPECT_EQ(errorOf({"--gateway=http://x", "--", "srv"}), "unknown argument --gateway=http://x");
-    EXPECT_EQ(errorOf({"--worker-name", "w", "--", "srv"}, {{"SENTROVA_BRIDGE_GATEWAY", ""}}), gatewayMessage);
-    EXPECT_EQ(errorOf({"--gateway", "http://[::1", "--worker-name", "w", "--", "srv"}), gatewayMessage);
-}
-
-TEST(CommandLineTests, ScanErrorsComeBeforeCheckErrors) {
-    EXPECT_EQ(errorOf({"--worker-name", "w", "--bogus"}), "unknown argument --bogus");
-    // The split at the first "--" happens before the scan, so the option has no value.
-    EXPECT_EQ(errorOf({"--gateway", "--", "srv"}), "missing value for --gateway");
-    // The first problem wins: the unknown word comes before the later missing value.
-    EXPECT_EQ(errorOf({"--bogus", "--deadline"}), "unknown argument --bogus");
-    // A bad gateway is reported before a missing worker name and a missing server.
-    EXPECT_EQ(errorOf({"--gateway", ""}), gatewayMessage);
+TEST(CommandLineTests, EveryFailureHasItsOwnMessageAndScanErrorsComeFirst) {
+    const std::string noServer = "a real server command is required after --";
+    const std::vector<std::tuple<Words, Env, std::string>> rows = {
+        {{}, {}, gatewayMessage},
+        {{}, withGateway, "--worker-name is required"},
+        {{"--worker-name", "w"}, withGateway, noServer},
+        {{"--worker-name", "w", "--"}, withGateway, noServer},
+        {{"--worker-name", "w", "--deadline"}, withGateway, "missing value for --deadline"},
+        {{"--heartbeat"}, {}, "missing value for --heartbeat"},
+        {{"--provider"}, {}, "missing value for --provider"},
+        {{"--worker-name"}, {}, "missing value for --worker-name"},
+        {{"srv"}, withGateway, "unknown argument srv"},
+        {{"--Gateway", "x"}, withGateway, "unknown argument --Gateway"},
+        {{"--gateway=http://x", "--", "srv"}, {}, "unknown argument --gateway=http://x"},
+        {{"--worker-name", "w", "--", "srv"}, {{"SENTROVA_BRIDGE_GATEWAY", ""}}, gatewayMessage},
+        {{"--gateway", "http://[::1", "--worker-name", "w", "--", "srv"}, {}, gatewayMessage},
+        // An empty --gateway replaces the environment's valid one and then fails the URL check.
+        {{"--gateway", "", "--worker-name", "w", "--", "srv"}, withGateway, gatewayMessage},
+        // Scan errors come before check errors, the first problem wins, and the split at the
+        // first "--" happens before the scan, so the option has no value.
+        {{"--worker-name", "w", "--bogus"}, {}, "unknown argument --bogus"},
+        {{"--gateway", "--", "srv"}, {}, "missing value for --gateway"},
+        {{"--bogus", "--deadline"}, {}, "unknown argument --bogus"},
+        // A bad gateway is reported before a missing worker name and a missing server.
+        {{"--gateway", ""}, {}, gatewayMessage},
+    };
+    for (const auto& [args, env, message] : rows) {
+        EXPECT_EQ(errorOf(args, env), message) << ::testing::PrintToString(args);
+    }
 }
 
 TEST(CommandLineTests, SplitsAtTheFirstDoubleDashOnly) {
@@ -98,8 +104,6 @@ TEST(CommandLineTests, OptionValuesAreTakenWhateverTheyLookLike) {
     EXPECT_EQ(config.provider, std::nullopt);
 
     EXPECT_EQ(configOf({"--worker-name", "", "--", "srv"}).workerName, "");
-    // An empty --gateway replaces the environment's valid one and then fails the URL check.
-    EXPECT_EQ(errorOf({"--gateway", "", "--worker-name", "w", "--", "srv"}, withGateway), gatewayMessage);
 
     Env emptyToken = withGateway;
     emptyToken["SENTROVA_GATEWAY_TOKEN"] = "";
@@ -110,12 +114,8 @@ TEST(CommandLineTests, OptionValuesAreTakenWhateverTheyLookLike) {
 TEST(CommandLineTests, NumberWordsThatDoNotConvertAreIgnoredSilently) {
     auto deadlineOf = [](Words numberWords) {
         Words args = {"--worker-name", "w"};
-        for (auto& word : numberWords) {
-            args.push_back("--deadline");
-            args.push_back(word);
-        }
-        args.push_back("--");
-        args.push_back("srv");
+        for (auto& word : numberWords) args.insert(args.end(), {"--deadline", word});
+        args.insert(args.end(), {"--", "srv"});
         return configOf(args).deadline;
     };
     EXPECT_EQ(deadlineOf({"abc"}), 240.0);

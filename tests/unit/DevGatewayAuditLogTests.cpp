@@ -40,19 +40,9 @@ std::unique_ptr<DevGatewayAuditLog> openLog(const fs::path& path) {
     return std::move(std::get<std::unique_ptr<DevGatewayAuditLog>>(opened));
 }
 
-std::vector<std::string> readLines(const fs::path& path) {
-    std::ifstream file(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
 std::string readBytes(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
     std::ostringstream bytes;
-    bytes << file.rdbuf();
+    bytes << std::ifstream(path, std::ios::binary).rdbuf();
     return bytes.str();
 }
 
@@ -64,7 +54,6 @@ TEST(DevGatewayAuditLogTests, TimestampsAndBase64) {
     EXPECT_EQ(decodeBase64("aGVsbG8="), "hello");
     EXPECT_EQ(decodeBase64("aGVsbG8"), "hello");
     EXPECT_EQ(decodeBase64("aGVs\nbG8h"), "hello!");
-    EXPECT_EQ(decodeBase64(""), "");
     EXPECT_EQ(decodeBase64("/w=="), std::string(1, '\xFF'));
     EXPECT_FALSE(decodeBase64("aGVsbG8*").has_value());
     EXPECT_FALSE(decodeBase64("aGVsb").has_value());     // a lone digit holds no byte
@@ -92,14 +81,14 @@ TEST(DevGatewayAuditLogTests, AppendsWholeJsonLinesFromManyThreads) {
                 }
             });
         }
-        for (std::thread& writer : writers) {
-            writer.join();
-        }
+        for (std::thread& writer : writers) writer.join();
     }
     // Re-opening appends after what is there.
     openLog(logPath)->append({{"kind", Json::string("event")}});
 
-    const std::vector<std::string> lines = readLines(logPath);
+    std::vector<std::string> lines;
+    std::ifstream file(logPath);
+    for (std::string line; std::getline(file, line);) lines.push_back(line);
     ASSERT_EQ(lines.size(), 201u);
     for (const std::string& line : lines) {
         const std::optional<Json> record = parseJson(line);
@@ -129,11 +118,10 @@ TEST(DevGatewayAuditLogTests, SavesDecodedScreenshotsUnderDistinctNames) {
     const DevGatewayAuditLog::SavedImage bad = log->saveScreenshot("not base64!", "image/png");
     EXPECT_TRUE(bad.path.empty());
     EXPECT_FALSE(bad.problem.empty());
-}
 
-TEST(DevGatewayAuditLogTests, OpenFailureNamesTheFile) {
-    TemporaryDirectory directory;
-    auto opened = DevGatewayAuditLog::open(directory.path().string()); // a directory, not a file
+    // Opening a directory as the log fails with a message naming it.
+    auto opened = DevGatewayAuditLog::open(directory.path().string());
     ASSERT_TRUE(std::holds_alternative<std::string>(opened));
     EXPECT_NE(std::get<std::string>(opened).find(directory.path().string()), std::string::npos);
 }
+

@@ -57,7 +57,6 @@ public:
     }
 
     int port() const { return port_; }
-    void stop() { server_->stop(); }
 
     std::vector<Json> auditRecords() const {
         std::ifstream file(directory_ / "audit.jsonl");
@@ -110,50 +109,42 @@ TEST(DevGatewayOptionsTests, ReadsListenAddressTokenPolicyAndLog) {
 }
 
 TEST(DevGatewayOptionsTests, RefusesOtherAddressesAndBadWords) {
-    EXPECT_NE(optionsError({"--listen", "0.0.0.0:8787"}).find("only loopback"), std::string::npos);
-    EXPECT_NE(optionsError({"--listen", "192.168.1.5:8787"}).find("only loopback"), std::string::npos);
-    EXPECT_NE(optionsError({"--listen", "[::]:8787"}).find("only loopback"), std::string::npos);
-    EXPECT_NE(optionsError({"--listen", "example.com:8787"}).find("only loopback"), std::string::npos);
-    EXPECT_NE(optionsError({"--listen", "127.0.0.1"}).find("HOST:PORT"), std::string::npos);
-    EXPECT_NE(optionsError({"--port", "70000"}).find("--port"), std::string::npos);
-    EXPECT_NE(optionsError({"--port", "-1"}).find("--port"), std::string::npos);
-    EXPECT_EQ(optionsError({"--policy"}), "missing value for --policy");
-    EXPECT_EQ(optionsError({"--bogus"}), "unknown argument --bogus");
+    const std::vector<std::pair<std::vector<std::string>, std::string>> refused = {
+        {{"--listen", "0.0.0.0:8787"}, "only loopback"},     {{"--listen", "192.168.1.5:8787"}, "only loopback"},
+        {{"--listen", "[::]:8787"}, "only loopback"},        {{"--listen", "example.com:8787"}, "only loopback"},
+        {{"--listen", "127.0.0.1"}, "HOST:PORT"},            {{"--port", "70000"}, "--port"},
+        {{"--port", "-1"}, "--port"},                        {{"--policy"}, "missing value for --policy"},
+        {{"--bogus"}, "unknown argument --bogus"},
+    };
+    for (const auto& [args, message] : refused) {
+        EXPECT_NE(optionsError(args).find(message), std::string::npos) << args[0] << " " << message;
+    }
+}
+
+// One POST to the gateway: the status (0 when no answer came) and the body.
+static std::pair<int, std::string> post(int port, const std::string& path, const std::string& body,
+                                 const httplib::Headers& headers = {}) {
+    httplib::Client client("127.0.0.1", port);
+    client.set_read_timeout(30, 0);
+    auto answer = client.Post(path, headers, body, "application/json");
+    return answer ? std::pair{answer->status, answer->body} : std::pair{0, std::string()};
 }
 
 TEST(DevGatewayServerTests, AnswersQuestionsFromThePolicyAndLogsThem) {
     RunningGateway gateway(kPolicy, std::nullopt);
-    httplib::Client client("127.0.0.1", gateway.port());
-    client.set_read_timeout(30, 0);
-
-    auto allowed = client.Post("/v1/toolcall", R"({"tool":"echo","risk":"safe","workerName":"w"})", "application/json");
-    ASSERT_TRUE(allowed);
-    EXPECT_EQ(allowed->status, 200);
-    EXPECT_EQ(allowed->body, R"({"decision":"allow"})");
-
-    auto denied = client.Post("/v1/toolcall", R"({"tool":"rm"})", "application/json");
-    ASSERT_TRUE(denied);
-    EXPECT_EQ(denied->body, R"({"decision":"deny","reason":"never delete"})");
-
-    auto unmatched = client.Post("/v1/toolcall", R"({"tool":"other"})", "application/json");
-    ASSERT_TRUE(unmatched);
-    EXPECT_EQ(unmatched->body, R"({"decision":"deny","reason":"no policy rule matched"})");
-
+    const int port = gateway.port();
+    EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"echo","risk":"safe","workerName":"w"})"),
+              std::pair(200, std::string(R"({"decision":"allow"})")));
+    EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"rm"})").second, R"({"decision":"deny","reason":"never delete"})");
+    EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"other"})").second,
+              R"({"decision":"deny","reason":"no policy rule matched"})");
     const auto started = std::chrono::steady_clock::now();
-    auto slow = client.Post("/v1/toolcall", R"({"tool":"slow"})", "application/json");
-    ASSERT_TRUE(slow);
-    EXPECT_EQ(slow->body, R"({"decision":"allow"})");
+    EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"slow"})").second, R"({"decision":"allow"})");
     EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(400));
-
-    auto notJson = client.Post("/v1/toolcall", "[1,2]", "application/json");
-    ASSERT_TRUE(notJson);
-    EXPECT_EQ(notJson->status, 400);
-
-    auto event = client.Post("/v1/event",
-                             R"({"kind":"screenshot","base64":"iVBORw0KGgo=","mimeType":"image/png","workerName":"w"})",
-                             "application/json");
-    ASSERT_TRUE(event);
-    EXPECT_EQ(event->status, 204);
+    EXPECT_EQ(post(port, "/v1/toolcall", "[1,2]").first, 400);
+    EXPECT_EQ(post(port, "/v1/event", R"({"kind":"screenshot","base64":"iVBORw0KGgo=","mimeType":"image/png","workerName":"w"})")
+                  .first,
+              204);
 
     const std::vector<Json> records = gateway.auditRecords();
     ASSERT_EQ(records.size(), 6u);
@@ -172,22 +163,12 @@ TEST(DevGatewayServerTests, AnswersQuestionsFromThePolicyAndLogsThem) {
 
 TEST(DevGatewayServerTests, RequiresTheBearerTokenWhenSet) {
     RunningGateway gateway(kPolicy, "s3cret");
-    httplib::Client client("127.0.0.1", gateway.port());
     const std::string body = R"({"tool":"echo"})";
-
-    auto missing = client.Post("/v1/toolcall", body, "application/json");
-    ASSERT_TRUE(missing);
-    EXPECT_EQ(missing->status, 401);
-    auto wrong = client.Post("/v1/toolcall", {{"Authorization", "Bearer s3cre"}}, body, "application/json");
-    ASSERT_TRUE(wrong);
-    EXPECT_EQ(wrong->status, 401);
-    auto wrongEvent = client.Post("/v1/event", {{"Authorization", "bearer s3cret"}}, "{}", "application/json");
-    ASSERT_TRUE(wrongEvent);
-    EXPECT_EQ(wrongEvent->status, 401);
-    auto right = client.Post("/v1/toolcall", {{"Authorization", "Bearer s3cret"}}, body, "application/json");
-    ASSERT_TRUE(right);
-    EXPECT_EQ(right->status, 200);
-    EXPECT_EQ(right->body, R"({"decision":"allow"})");
+    EXPECT_EQ(post(gateway.port(), "/v1/toolcall", body).first, 401);
+    EXPECT_EQ(post(gateway.port(), "/v1/toolcall", body, {{"Authorization", "Bearer s3cre"}}).first, 401);
+    EXPECT_EQ(post(gateway.port(), "/v1/event", "{}", {{"Authorization", "bearer s3cret"}}).first, 401);
+    EXPECT_EQ(post(gateway.port(), "/v1/toolcall", body, {{"Authorization", "Bearer s3cret"}}),
+              std::pair(200, std::string(R"({"decision":"allow"})")));
 
     const std::vector<Json> records = gateway.auditRecords();
     ASSERT_EQ(records.size(), 4u);
@@ -197,12 +178,7 @@ TEST(DevGatewayServerTests, RequiresTheBearerTokenWhenSet) {
 
 TEST(DevGatewayServerTests, StopCutsAPendingDelayShort) {
     auto gateway = std::make_unique<RunningGateway>(kPolicy, std::nullopt);
-    const int port = gateway->port();
-    std::thread asker([port] {
-        httplib::Client client("127.0.0.1", port);
-        client.set_read_timeout(30, 0);
-        (void)client.Post("/v1/toolcall", R"({"tool":"stuck"})", "application/json");
-    });
+    std::thread asker([port = gateway->port()] { post(port, "/v1/toolcall", R"({"tool":"stuck"})"); });
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const auto started = std::chrono::steady_clock::now();
     gateway.reset(); // stops and joins the server

@@ -27,28 +27,22 @@ BridgeToolCallQuery sampleQuery() {
     return query;
 }
 
-TEST(BridgeRiskTests, RawValuesAreExactAndCaseSensitive) {
-    EXPECT_EQ(rawValue(BridgeRisk::safe), "safe");
-    EXPECT_EQ(rawValue(BridgeRisk::caution), "caution");
-    EXPECT_EQ(rawValue(BridgeRisk::critical), "critical");
-    EXPECT_EQ(bridgeRiskFromRawValue("safe"), BridgeRisk::safe);
-    EXPECT_EQ(bridgeRiskFromRawValue("caution"), BridgeRisk::caution);
-    EXPECT_EQ(bridgeRiskFromRawValue("critical"), BridgeRisk::critical);
+TEST(BridgeRiskTests, RawValuesRoundTripAndAreCaseSensitive) {
+    for (BridgeRisk risk : {BridgeRisk::safe, BridgeRisk::caution, BridgeRisk::critical}) {
+        EXPECT_EQ(bridgeRiskFromRawValue(rawValue(risk)), risk);
+    }
     for (std::string_view raw : {"Safe", "CRITICAL", "caution ", "", "saf"}) {
         EXPECT_EQ(bridgeRiskFromRawValue(raw), std::nullopt) << raw;
     }
 }
 
-TEST(BridgeToolCallQueryTests, BodyWithoutOptionalMembersHasEightMembersInNameOrder) {
+TEST(BridgeToolCallQueryTests, BodyHasItsMembersInNameOrderAndOptionalOnesOnlyWhenSet) {
     // The arguments text stays a string: its quotes escaped, its slashes plain.
-    EXPECT_EQ(sampleQuery().httpBody(),
+    BridgeToolCallQuery query = sampleQuery();
+    EXPECT_EQ(query.httpBody(),
               R"({"argumentsJSON":"{\"path\":\"/tmp/a \\\"b\\\"\"}","pinChanged":false,"pinHash":"abc",)"
               R"("requestID":"REQ-1","risk":"critical","serverCommand":"npx -y server","tool":"read_file",)"
               R"("workerName":"worker-1"})");
-}
-
-TEST(BridgeToolCallQueryTests, OptionalMembersAppearOnlyWhenSet) {
-    BridgeToolCallQuery query = sampleQuery();
     query.argumentsJSON = "{}";
     query.risk = BridgeRisk::safe;
     query.pinChanged = true;
@@ -58,7 +52,6 @@ TEST(BridgeToolCallQueryTests, OptionalMembersAppearOnlyWhenSet) {
               R"({"argumentsJSON":"{}","pinChanged":true,"pinHash":"abc","previousPinHash":"old",)"
               R"("provider":"acme","requestID":"REQ-1","risk":"safe","serverCommand":"npx -y server",)"
               R"("tool":"read_file","workerName":"worker-1"})");
-
     // An empty provider is a given provider; a missing previous pin leaves its member out.
     query.provider = "";
     query.previousPinHash.reset();

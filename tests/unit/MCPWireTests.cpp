@@ -24,21 +24,16 @@ Json parsedValue(const std::string& text) {
     return value != nullptr ? *value : Json();
 }
 
-Json nestedArrays(std::size_t depth) {
-    return parsed(std::string(depth, '[') + std::string(depth, ']'));
-}
+Json nestedArrays(std::size_t depth) { return parsed(std::string(depth, '[') + std::string(depth, ']')); }
 
 TEST(MCPWireIdKeyTests, StringsAndNumbersNeverShareAKey) {
     EXPECT_EQ(MCPWire::idKey(Json::string("7")), "s:7");
-    EXPECT_EQ(MCPWire::idKey(Json::string(" Ab ")), "s: Ab ");
     EXPECT_EQ(MCPWire::idKey(Json::string("")), "s:");
     EXPECT_EQ(MCPWire::idKey(parsedValue("7")), "n:7");
-    EXPECT_EQ(MCPWire::idKey(parsedValue("-3")), "n:-3");
     EXPECT_EQ(MCPWire::idKey(parsedValue("1.0")), "n:1");
     EXPECT_EQ(MCPWire::idKey(parsedValue("-0.0")), "n:0");
     EXPECT_EQ(MCPWire::idKey(parsedValue("1e2")), "n:100");
     EXPECT_EQ(MCPWire::idKey(parsedValue("true")), "n:1");
-    EXPECT_EQ(MCPWire::idKey(parsedValue("false")), "n:0");
     EXPECT_EQ(MCPWire::idKey(parsedValue("18446744073709551615")), "n:18446744073709551615");
     EXPECT_EQ(MCPWire::idKey(parsedValue("-9223372036854775808")), "n:-9223372036854775808");
     EXPECT_EQ(MCPWire::idKey(Json::real(1e19)), "n:10000000000000000000");
@@ -62,7 +57,6 @@ TEST(MCPWireRiskFloorTests, HintsCombineIntoRisk) {
     EXPECT_EQ(risk(R"({"readOnlyHint":true})"), BridgeRisk::caution);
     EXPECT_EQ(risk(R"({"readOnlyHint":true,"destructiveHint":false})"), BridgeRisk::safe);
     EXPECT_EQ(risk(R"({"readOnlyHint":1,"destructiveHint":0.0})"), BridgeRisk::safe);
-    EXPECT_EQ(risk(R"({"readOnlyHint":1})"), BridgeRisk::caution);
     EXPECT_EQ(risk(R"({"readOnlyHint":2})"), BridgeRisk::critical);
     EXPECT_EQ(risk(R"({"readOnlyHint":"true"})"), BridgeRisk::critical);
     EXPECT_EQ(risk(R"({"destructiveHint":false})"), BridgeRisk::caution);
@@ -87,19 +81,12 @@ TEST(MCPWireFirstImageTests, FindsFirstQualifyingBlock) {
     EXPECT_EQ(image(R"({"content":["text",{"type":"image","data":"d"}]})"), std::nullopt);
     EXPECT_EQ(image(R"({"content":{"type":"image","data":"d"}})"), std::nullopt);
     EXPECT_EQ(image(R"({"isError":false})"), std::nullopt);
-    EXPECT_EQ(image(R"({"content":[]})"), std::nullopt);
 }
 
 TEST(MCPWireDenyResultTests, ExactBytesAndFallback) {
     EXPECT_EQ(MCPWire::denyResult(Json::integer(7), "Denied by Sentrova policy."),
               R"({"id":7,"jsonrpc":"2.0","result":{"content":[{"text":"Denied by Sentrova policy.","type":"text"}],)"
               R"("isError":true}})");
-    EXPECT_EQ(MCPWire::denyResult(Json::integer(3),
-                                  "Denied by Sentrova policy: tool was not approved — the request was malformed. "
-                                  "Do not retry this exact call; ask the user or choose a different action."),
-              R"({"id":3,"jsonrpc":"2.0","result":{"content":[{"text":"Denied by Sentrova policy: tool was not )"
-              R"(approved — the request was malformed. Do not retry this exact call; ask the user or choose a )"
-              R"(different action.","type":"text"}],"isError":true}})");
     EXPECT_EQ(MCPWire::denyResult(Json::string("req/1"), "Nicht erlaubt: /etc \"größe\""),
               R"({"id":"req/1","jsonrpc":"2.0","result":{"content":[{"text":"Nicht erlaubt: /etc \"größe\"",)"
               R"("type":"text"}],"isError":true}})");
@@ -109,7 +96,6 @@ TEST(MCPWireDenyResultTests, ExactBytesAndFallback) {
               R"("isError":true}})");
 
     const std::string fallback = R"({"jsonrpc":"2.0","result":{"isError":true}})";
-    EXPECT_EQ(fallback.size(), 43u);
     EXPECT_EQ(MCPWire::denyResult(Json::real(std::nan("")), "x"), fallback);
     EXPECT_EQ(MCPWire::denyResult(Json::real(std::numeric_limits<double>::infinity()), "x"), fallback);
     EXPECT_EQ(MCPWire::denyResult(nestedArrays(kMaxWriteDepth + 10), "x"), fallback);
@@ -119,15 +105,11 @@ TEST(MCPWireProgressTests, ExactBytesAndFallback) {
     EXPECT_EQ(MCPWire::progressNotification(Json::integer(1), 3, "Awaiting Sentrova approval…"),
               R"({"jsonrpc":"2.0","method":"notifications/progress","params":{"message":"Awaiting Sentrova )"
               R"(approval…","progress":3,"progressToken":1}})");
-    EXPECT_EQ(MCPWire::progressNotification(Json::string("abc"), 1, "Awaiting Sentrova approval…"),
-              R"({"jsonrpc":"2.0","method":"notifications/progress","params":{"message":"Awaiting Sentrova )"
-              R"(approval…","progress":1,"progressToken":"abc"}})");
     EXPECT_EQ(MCPWire::progressNotification(Json::string("t"), INT64_MAX, "a/b"),
               R"({"jsonrpc":"2.0","method":"notifications/progress","params":{"message":"a/b",)"
               R"("progress":9223372036854775807,"progressToken":"t"}})");
 
     const std::string fallback = R"({"jsonrpc":"2.0","method":"notifications/progress"})";
-    EXPECT_EQ(fallback.size(), 51u);
     EXPECT_EQ(MCPWire::progressNotification(Json::real(-std::numeric_limits<double>::infinity()), 1, "m"),
               fallback);
     EXPECT_EQ(MCPWire::progressNotification(nestedArrays(kMaxWriteDepth + 10), 1, "m"), fallback);
@@ -166,13 +148,12 @@ TEST(MCPWirePinHashTests, PinFollowsOnlyThePinnedValues) {
 }
 
 TEST(MCPWirePinHashTests, UnwritableDefinitionsGiveTheEmptyPin) {
-    Json withNaN = parsed(R"({"name":"t","inputSchema":{"default":NaN}})");
-    EXPECT_EQ(MCPWire::pinHash(withNaN), "");
+    EXPECT_EQ(MCPWire::pinHash(parsed(R"({"name":"t","inputSchema":{"default":NaN}})")), "");
 
     // A deeply nested schema must neither crash nor produce a pin.
-    const std::size_t depth = 200000;
-    Json deep = parsed(R"({"name":"t","inputSchema":)" + std::string(depth, '[') + std::string(depth, ']') + "}");
-    EXPECT_EQ(MCPWire::pinHash(deep), "");
+    EXPECT_EQ(MCPWire::pinHash(parsed(R"({"name":"t","inputSchema":)" + std::string(200000, '[') +
+                                      std::string(200000, ']') + "}")),
+              "");
 }
 
 } // namespace

@@ -53,9 +53,8 @@ TEST(ToolPinTableTests, CaptureMergesSuccessiveAnswers) {
 
     EXPECT_EQ(table.pin("a"), (ToolPin{pinOf(R"({"name":"a","description":"v2","annotations":{"readOnlyHint":1}})"),
                                        BridgeRisk::caution}));
-    EXPECT_EQ(table.pin("b"), b);
     ASSERT_TRUE(b.has_value());
-    EXPECT_NE(table.pin("a")->hash, pinOf(R"({"name":"a","description":"v1"})"));
+    EXPECT_EQ(table.pin("b"), b);
 }
 
 TEST(ToolPinTableTests, ApprovalLifecycle) {
@@ -85,38 +84,32 @@ TEST(ToolPinTableTests, ApprovalLifecycle) {
     EXPECT_EQ(table.pin("early"), std::nullopt);
 }
 
-TEST(ToolPinTableTests, StaleFlagIsClearedByAnyCapture) {
+TEST(ToolPinTableTests, StaleFlagIsClearedByAnyCaptureAndKeepsThePins) {
     ToolPinTable table;
     EXPECT_FALSE(table.isStale());
     table.capture(toolsList(R"([{"name":"a"}])"));
     const std::optional<ToolPin> a = table.pin("a");
-    table.markStale();
-    EXPECT_TRUE(table.isStale());
-    EXPECT_EQ(table.pin("a"), a);
-    table.capture({});
-    EXPECT_FALSE(table.isStale());
-    table.markStale();
-    table.capture(toolsList(R"([{},{"name":1}])"));
-    EXPECT_FALSE(table.isStale());
-    EXPECT_EQ(table.pin("a"), a);
+    for (const Json::Array& answer : {Json::Array{}, toolsList(R"([{},{"name":1}])")}) {
+        table.markStale();
+        EXPECT_TRUE(table.isStale());
+        table.capture(answer);
+        EXPECT_FALSE(table.isStale());
+        EXPECT_EQ(table.pin("a"), a);
+    }
 }
 
 // Captures on one thread against lookups, status checks and approvals on another: every
 // entry read must be one captured pair (hash and risk of the same definition). Run under
 // TSan as well.
 TEST(ToolPinTableTests, ConcurrentCaptureAndLookupSeeWholeAnswers) {
-    std::string listA = "[";
-    std::string listB = "[";
+    std::string listA, listB;
     for (int i = 0; i < 50; ++i) {
-        const std::string name = "tool" + std::to_string(i);
-        listA += (i ? "," : "") + std::string(R"({"name":")") + name + R"(","description":"A"})";
-        listB += (i ? "," : "") + std::string(R"({"name":")") + name +
-                 R"(","description":"B","annotations":{"readOnlyHint":true,"destructiveHint":false}})";
+        const std::string name = std::string(i ? "," : "") + R"({"name":"tool)" + std::to_string(i) + "\"";
+        listA += name + R"(,"description":"A"})";
+        listB += name + R"(,"description":"B","annotations":{"readOnlyHint":true,"destructiveHint":false}})";
     }
-    listA += "]";
-    listB += "]";
-    const Json::Array answerA = toolsList(listA);
-    const Json::Array answerB = toolsList(listB);
+    const Json::Array answerA = toolsList("[" + listA + "]");
+    const Json::Array answerB = toolsList("[" + listB + "]");
     const std::string firstA = pinOf(R"({"name":"tool0","description":"A"})");
     const std::string lastA = pinOf(R"({"name":"tool49","description":"A"})");
 
@@ -145,7 +138,7 @@ TEST(ToolPinTableTests, ConcurrentCaptureAndLookupSeeWholeAnswers) {
     }
     writer.join();
     EXPECT_EQ(mixed, 0);
-    EXPECT_EQ(table.pin("tool0")->hash, pinOf(R"({"name":"tool0","description":"A"})"));
+    EXPECT_EQ(table.pin("tool0")->hash, firstA);
 }
 
 } // namespace
