@@ -192,7 +192,8 @@ BridgeDecision decisionFor(CURLcode result, long status, const std::string& body
 // Callers hand transfers and cancellations over through `queueLock` and wake the worker with
 // curl_multi_wakeup; every other curl call happens on the worker, so the multi handle and the
 // easy handles need no locking of their own. The URLs and limits are settled at construction;
-// libcurl, the multi handle and the worker only come with the first request (`ensureStarted`).
+// the worker only comes with the first request (`ensureStarted`), and it loads libcurl itself, so
+// that no caller, postEvent included, ever waits for the library to load.
 struct HTTPBridgeGatewayClient::Session {
     std::optional<std::string> decisionURL;
     std::optional<std::string> eventURL;
@@ -202,12 +203,15 @@ struct HTTPBridgeGatewayClient::Session {
     CurlLoader loadCurl;
     std::once_flag startOnce;
 
-    // Written once inside startOnce, read-only afterwards.
+    // Written by the worker before it publishes `running`; read-only afterwards.
     const CurlLibrary* curl = nullptr;
     curl_slist* headers = nullptr;
     CURLM* multi = nullptr;
 
+    enum class Phase { idle, starting, running, failed };
+
     std::mutex queueLock;
+    Phase phase = Phase::idle; // under queueLock
     std::vector<std::unique_ptr<Transfer>> submitted;
     std::vector<std::shared_ptr<PendingDecision>> cancelled;
     bool stopping = false;
@@ -221,15 +225,38 @@ struct HTTPBridgeGatewayClient::Session {
         sendable = decisionURL && sendableOverHTTP(*decisionURL) && usableAsHeaderValue(token);
     }
 
-    // Loads libcurl and starts the worker on the first request; later calls only look. When
-    // anything is missing the session stays not running, which fails every request closed.
+    // Starts the worker on the first request; later calls only look. Requests made while it
+    // loads libcurl wait in the queue; when anything is missing they fail closed.
     void ensureStarted() {
-        std::call_once(startOnce, [this] { start(); });
+        std::call_once(startOnce, [this] {
+            std::lock_guard<std::mutex> guard(queueLock);
+            try {
+                worker = std::thread([this] { loadThenRun(); });
+                phase = Phase::starting;
+            } catch (...) {
+                phase = Phase::failed;
+            }
+        });
     }
 
-    void start() noexcept {
+    void loadThenRun() noexcept {
+        const bool loaded = load();
+        std::vector<std::unique_ptr<Transfer>> orphaned;
+        {
+            std::lock_guard<std::mutex> guard(queueLock);
+            phase = loaded ? Phase::running : Phase::failed;
+            if (!loaded) {
+                orphaned.swap(submitted);
+                cancelled.clear();
+            }
+        }
+        for (auto& transfer : orphaned) finishUnsent(*transfer);
+        if (loaded) run();
+    }
+
+    bool load() noexcept {
         curl = loadCurl != nullptr ? loadCurl() : nullptr;
-        if (curl == nullptr) return;
+        if (curl == nullptr) return false;
         headers = curl->slistAppend(nullptr, "Content-Type: application/json");
         // libcurl would otherwise hold back large bodies (screenshots) waiting for "100 Continue".
         if (headers) headers = appendOrFree(headers, "Expect:");
@@ -243,25 +270,21 @@ struct HTTPBridgeGatewayClient::Session {
         if (headers == nullptr || created == nullptr) {
             if (created != nullptr) curl->multiCleanup(created);
             releaseCurl();
-            return;
+            return false;
         }
         multi = created;
-        try {
-            worker = std::thread([this] { run(); });
-        } catch (...) {
-            releaseCurl();
-        }
+        return true;
     }
 
     ~Session() {
+        bool wake = false;
         {
             std::lock_guard<std::mutex> guard(queueLock);
             stopping = true;
+            wake = phase == Phase::running;
         }
-        if (worker.joinable()) {
-            curl->multiWakeup(multi);
-            worker.join();
-        }
+        if (wake) curl->multiWakeup(multi);
+        if (worker.joinable()) worker.join();
         for (auto& transfer : submitted) finishUnsent(*transfer);
         releaseCurl();
     }
@@ -280,24 +303,23 @@ struct HTTPBridgeGatewayClient::Session {
         headers = nullptr;
     }
 
-    bool running() const noexcept { return multi != nullptr; }
-
     // Queues a transfer for the worker; false when the session cannot carry it.
     bool submit(std::unique_ptr<Transfer> transfer) {
-        if (!running()) return false;
+        bool wake = false;
         {
             std::lock_guard<std::mutex> guard(queueLock);
-            if (stopping) return false;
+            if (stopping || phase == Phase::idle || phase == Phase::failed) return false;
             submitted.push_back(std::move(transfer));
+            wake = phase == Phase::running; // a worker still loading drains the queue when it starts
         }
-        curl->multiWakeup(multi);
+        if (wake) curl->multiWakeup(multi);
         return true;
     }
 
     void cancel(std::shared_ptr<PendingDecision> pending) {
         {
             std::lock_guard<std::mutex> guard(queueLock);
-            if (stopping) return;
+            if (stopping || phase != Phase::running) return; // nothing of it reached the network
             cancelled.push_back(std::move(pending));
         }
         curl->multiWakeup(multi);
