@@ -172,9 +172,12 @@ std::string decodeWide(std::string_view bytes, std::size_t unitSize, bool bigEnd
     return out;
 }
 
+// Python's json.loads decides on the encoding from the first four bytes alone: a byte order
+// mark, or a NUL among them. Nothing else can be UTF-16 or UTF-32 JSON to it.
 bool looksWide(std::string_view line) noexcept {
-    return std::memchr(line.data(), '\0', line.size()) != nullptr || line.substr(0, 2) == "\xFF\xFE" ||
-           line.substr(0, 2) == "\xFE\xFF";
+    const std::string_view head = line.substr(0, 4);
+    return head.find('\0') != std::string_view::npos || head.substr(0, 2) == "\xFF\xFE" ||
+           head.substr(0, 2) == "\xFE\xFF";
 }
 
 } // namespace
