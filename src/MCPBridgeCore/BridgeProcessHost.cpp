@@ -311,14 +311,18 @@ int BridgeProcessHost::run() {
 
     const int outputReadEnd = pipes.output.readEnd;
     const bool serverPumpStarted = startDetached([state, router, outputReadEnd] {
-        pumpLines(outputReadEnd, [&router](std::string line) { router->handleServerLine(std::move(line)); });
+        pumpLines(outputReadEnd,
+                  [&router](std::string line, bool more) { router->handleServerLine(std::move(line), more); });
         ::close(outputReadEnd);
         state->update([](RunState& s) { s.serverOutputEnded = true; }, true);
     });
 
     const int clientInput = streams_.clientInput;
     const bool clientPumpStarted = startDetached([state, router, clientInput] {
-        pumpLines(clientInput, [&router](std::string line) { router->handleClientLine(std::move(line)); });
+        pumpLines(clientInput,
+                  [&router](std::string line, bool more) { router->handleClientLine(std::move(line), more); });
+        // Calls still waiting for their verdict are settled first: an allowed one still reaches the server.
+        router->finishPendingDecisions();
         state->closeServerInput();
         state->update([](RunState&) {}, true);
     });

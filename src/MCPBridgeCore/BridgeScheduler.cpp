@@ -51,7 +51,10 @@ struct ScheduledTimer {
 struct TimerQueue {
     std::mutex mutex;
     std::condition_variable wakeUp;
-    std::vector<std::shared_ptr<ScheduledTimer>> timers; // armed, firing timers only (a heartbeat or two)
+    std::condition_variable actionEnded;
+    std::vector<std::shared_ptr<ScheduledTimer>> timers; // armed, firing timers only (one per pending call)
+    const ScheduledTimer* running = nullptr;            // the timer whose action runs now
+    std::thread::id workerID;                           // set by the worker as it starts
     std::uint64_t nextSequence = 0;
     bool stopping = false;
     std::thread worker;
@@ -111,15 +114,20 @@ struct DispatchBridgeScheduler::Queue : TimerQueue {};
 void TimerQueue::cancel(const std::shared_ptr<ScheduledTimer>& timer) {
     std::shared_ptr<ScheduledTimer> removed; // released after unlocking: its action may own anything
     {
-        std::lock_guard<std::mutex> hold(mutex);
-        if (timer->cancelled) {
-            return;
+        std::unique_lock<std::mutex> hold(mutex);
+        if (!timer->cancelled) {
+            timer->cancelled = true;
+            const auto found = std::find(timers.begin(), timers.end(), timer);
+            if (found != timers.end()) {
+                removed = std::move(*found);
+                timers.erase(found);
+            }
         }
-        timer->cancelled = true;
-        const auto found = std::find(timers.begin(), timers.end(), timer);
-        if (found != timers.end()) {
-            removed = std::move(*found);
-            timers.erase(found);
+        // A run already under way finishes before cancel() returns, so that whatever the caller
+        // writes next (a call's answer) comes after the timer's last output. The worker itself
+        // cancelling from inside an action must not wait for itself.
+        if (std::this_thread::get_id() != workerID) {
+            actionEnded.wait(hold, [&] { return running != timer.get(); });
         }
     }
     // No need to wake the worker: a removed timer only means it may sleep longer than needed.
@@ -127,6 +135,7 @@ void TimerQueue::cancel(const std::shared_ptr<ScheduledTimer>& timer) {
 
 void TimerQueue::run() {
     std::unique_lock<std::mutex> hold(mutex);
+    workerID = std::this_thread::get_id();
     while (!stopping) {
         const std::shared_ptr<ScheduledTimer>* const entry = earliest(timers);
         if (entry == nullptr) {
@@ -143,15 +152,18 @@ void TimerQueue::run() {
         // Decided under the mutex that cancel() takes: once cancel() has returned, the timer
         // is out of the list and no later pass can pick it.
         timer.due = nextDue(timer, now);
-        std::shared_ptr<ScheduledTimer> running = *entry;
+        std::shared_ptr<ScheduledTimer> current = *entry;
+        running = current.get();
         hold.unlock();
         try {
-            running->action();
+            current->action();
         } catch (...) {
             // An action's failure must not end the queue: the other timers still have to run.
         }
-        running.reset(); // may be the last owner; its action must not be destroyed under the mutex
+        current.reset(); // may be the last owner; its action must not be destroyed under the mutex
         hold.lock();
+        running = nullptr;
+        actionEnded.notify_all();
     }
 }
 

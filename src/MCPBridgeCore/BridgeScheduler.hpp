@@ -10,7 +10,8 @@ namespace sentrova {
 class BridgeCancellable {
 public:
     virtual ~BridgeCancellable() = default;
-    // Stops the repetition; idempotent, callable from any thread. No run starts after it returns.
+    // Stops the repetition; idempotent, callable from any thread. No run starts after it returns,
+    // and a run under way when it is called has ended by then (unless called from inside that run).
     virtual void cancel() = 0;
 };
 

@@ -37,7 +37,8 @@ std::unique_ptr<CurlLibrary> CurlLibrary::load(const char* soname) noexcept {
                         resolve(handle, "curl_multi_perform", curl->multiPerform) &&
                         resolve(handle, "curl_multi_poll", curl->multiPoll) &&
                         resolve(handle, "curl_multi_wakeup", curl->multiWakeup) &&
-                        resolve(handle, "curl_multi_info_read", curl->multiInfoRead);
+                        resolve(handle, "curl_multi_info_read", curl->multiInfoRead) &&
+                        resolve(handle, "curl_multi_setopt", curl->multiSetopt);
         if (!complete) {
             // Too old a libcurl (curl_multi_poll and curl_multi_wakeup came with 7.68).
             ::dlclose(handle);

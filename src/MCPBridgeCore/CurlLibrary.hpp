@@ -27,6 +27,7 @@ struct CurlLibrary {
     decltype(&::curl_multi_poll) multiPoll = nullptr;
     decltype(&::curl_multi_wakeup) multiWakeup = nullptr;
     decltype(&::curl_multi_info_read) multiInfoRead = nullptr;
+    decltype(&::curl_multi_setopt) multiSetopt = nullptr;
 
     // The process's libcurl ("libcurl.so.4"), loaded and globally initialised on the first call
     // only; every later call returns the same answer. Null when it cannot be loaded or initialised.

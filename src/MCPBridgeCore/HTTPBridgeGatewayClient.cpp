@@ -25,6 +25,9 @@ constexpr const char* eventPath = "/v1/event";
 // The HTTP layer lets an exchange run this much longer than the caller waits for it.
 constexpr double transportGraceSeconds = 5.0;
 constexpr double eventTimeoutSeconds = 60.0;
+// Idle gateway connections kept open for reuse: a bounded pool, so that a burst of calls side by
+// side leaves no lasting descriptors behind.
+constexpr long keptConnections = 16;
 // Longer finite deadlines are capped here (about 31 years) so that clock arithmetic cannot overflow.
 constexpr double longestFiniteDeadline = 1e9;
 // Scheme put in front of a base without one, so that the resolver (which wants an absolute base)
@@ -128,25 +131,36 @@ struct TimeLimits {
 
 // ---- one exchange -----------------------------------------------------------------------------
 
-// Where a waiting caller and the worker meet. The worker fills `decision` once; a caller that
-// gave up marks itself abandoned so that the worker does not start (or stops) its request.
+using Clock = std::chrono::steady_clock;
+
+// Where a caller and the worker meet. The handler is taken out exactly once: by the first answer
+// (the worker's, or a failure's), or by a caller that gave up, so that the worker does not start
+// (or stops) its request and the handler is never called after that.
 struct PendingDecision {
     std::mutex lock;
-    std::condition_variable answered;
-    std::optional<BridgeDecision> decision;
-    bool abandoned = false;
+    BridgeGatewayClient::DecisionHandler onDecision; // under lock; empty once answered or abandoned
+    std::optional<Clock::time_point> deadline;       // none: waits without limit; read-only
 
     void complete(BridgeDecision result) {
+        BridgeGatewayClient::DecisionHandler handler;
         {
             std::lock_guard<std::mutex> guard(lock);
-            decision = std::move(result);
+            handler.swap(onDecision);
         }
-        answered.notify_one();
+        if (handler) handler(std::move(result)); // outside the lock: the handler writes to the streams
     }
-    bool isAbandoned() {
+    // True when the request was still waiting for its answer.
+    bool abandon() {
+        BridgeGatewayClient::DecisionHandler dropped; // destroyed outside the lock
         std::lock_guard<std::mutex> guard(lock);
-        return abandoned;
+        dropped.swap(onDecision);
+        return static_cast<bool>(dropped);
     }
+    bool isSettled() {
+        std::lock_guard<std::mutex> guard(lock);
+        return !onDecision;
+    }
+    bool isOverdue(Clock::time_point now) const { return deadline && *deadline <= now; }
 };
 
 // One POST, owned by the worker from the moment it is queued.
@@ -272,6 +286,8 @@ struct HTTPBridgeGatewayClient::Session {
             releaseCurl();
             return false;
         }
+        // Idle connections kept for reuse stay within what the calls pending at once can use.
+        curl->multiSetopt(created, CURLMOPT_MAXCONNECTS, static_cast<long>(keptConnections));
         multi = created;
         return true;
     }
@@ -316,7 +332,7 @@ struct HTTPBridgeGatewayClient::Session {
         return true;
     }
 
-    void cancel(std::shared_ptr<PendingDecision> pending) {
+    void withdraw(std::shared_ptr<PendingDecision> pending) {
         {
             std::lock_guard<std::mutex> guard(queueLock);
             if (stopping || phase != Phase::running) return; // nothing of it reached the network
@@ -357,7 +373,11 @@ struct HTTPBridgeGatewayClient::Session {
     }
 
     void begin(std::unique_ptr<Transfer> transfer) {
-        if (transfer->pending && transfer->pending->isAbandoned()) return;
+        if (transfer->pending && transfer->pending->isSettled()) return;
+        if (transfer->pending && transfer->pending->isOverdue(Clock::now())) {
+            transfer->pending->complete(denyWith(GatewayDenyReason::timedOut));
+            return;
+        }
         Transfer* key = transfer.get();
         active.emplace(key, std::move(transfer));
         if (configure(*key)) return;
@@ -395,6 +415,28 @@ struct HTTPBridgeGatewayClient::Session {
         }
     }
 
+    // Decisions whose deadline has passed are answered with the time-out and their requests
+    // removed (the gateway sees the connection go). Returns how long until the next deadline.
+    long expireOverdue() {
+        const Clock::time_point now = Clock::now();
+        long untilNext = 1000;
+        for (auto it = active.begin(); it != active.end();) {
+            const std::shared_ptr<PendingDecision>& pending = it->second->pending;
+            if (pending && pending->isOverdue(now)) {
+                pending->complete(denyWith(GatewayDenyReason::timedOut));
+                curl->multiRemoveHandle(multi, it->second->easy);
+                it = active.erase(it);
+                continue;
+            }
+            if (pending && pending->deadline) {
+                const auto left = std::chrono::ceil<std::chrono::milliseconds>(*pending->deadline - now).count();
+                untilNext = std::min(untilNext, static_cast<long>(left));
+            }
+            ++it;
+        }
+        return untilNext;
+    }
+
     void run() {
         pthread_setname_np(pthread_self(), "sentrova-http");
         for (;;) {
@@ -412,9 +454,10 @@ struct HTTPBridgeGatewayClient::Session {
             int stillRunning = 0;
             curl->multiPerform(multi, &stillRunning);
             collectFinished();
+            const long untilDeadline = expireOverdue();
             // Returns early for socket activity, libcurl's own timers or curl_multi_wakeup; the
             // one-second ceiling only bounds the cost of a wake-up that might go missing.
-            curl->multiPoll(multi, nullptr, 0, 1000, nullptr);
+            curl->multiPoll(multi, nullptr, 0, static_cast<int>(std::max(untilDeadline, 0L)), nullptr);
         }
         for (auto& [key, transfer] : active) {
             curl->multiRemoveHandle(multi, transfer->easy);
@@ -437,34 +480,79 @@ HTTPBridgeGatewayClient::HTTPBridgeGatewayClient(std::string baseURL, std::optio
 
 HTTPBridgeGatewayClient::~HTTPBridgeGatewayClient() = default;
 
-BridgeDecision HTTPBridgeGatewayClient::requestDecision(const BridgeToolCallQuery& query) {
+namespace {
+
+// The caller's hold on one started decision.
+class DecisionWithdrawal final : public BridgeCancellable {
+public:
+    using Withdraw = std::function<void(std::shared_ptr<PendingDecision>)>;
+    DecisionWithdrawal(std::shared_ptr<PendingDecision> pending, Withdraw withdraw)
+        : pending_(std::move(pending)), withdraw_(std::move(withdraw)) {}
+    void cancel() override {
+        if (pending_->abandon()) withdraw_(pending_);
+    }
+
+private:
+    std::shared_ptr<PendingDecision> pending_;
+    Withdraw withdraw_;
+};
+
+} // namespace
+
+std::shared_ptr<BridgeCancellable> HTTPBridgeGatewayClient::startDecision(const BridgeToolCallQuery& query,
+                                                                          DecisionHandler onDecision) {
+    auto pending = std::make_shared<PendingDecision>();
+    pending->onDecision = std::move(onDecision);
     try {
         Session& session = *session_;
-        if (!session.decisionURL) return denyWith(GatewayDenyReason::urlInvalid);
-        if (!session.sendable) return denyWith(GatewayDenyReason::noAnswer);
-        // The wait counts from here: loading libcurl on the first call is part of it.
-        auto waitEnds = std::chrono::steady_clock::now() + session.limits.decisionWait;
+        if (!session.decisionURL) {
+            pending->complete(denyWith(GatewayDenyReason::urlInvalid));
+            return nullptr;
+        }
+        if (!session.sendable) {
+            pending->complete(denyWith(GatewayDenyReason::noAnswer));
+            return nullptr;
+        }
+        // The deadline counts from here: loading libcurl on the first call is part of it.
+        if (!session.limits.waitsForever) pending->deadline = Clock::now() + session.limits.decisionWait;
         session.ensureStarted();
 
-        auto pending = std::make_shared<PendingDecision>();
         auto transfer = std::make_unique<Transfer>();
         transfer->url = *session.decisionURL;
         transfer->body = query.httpBody();
         transfer->timeoutMs = session.limits.decisionTransferMs;
         transfer->pending = pending;
-        if (!session.submit(std::move(transfer))) return denyWith(GatewayDenyReason::noAnswer);
-
-        std::unique_lock<std::mutex> guard(pending->lock);
-        auto hasAnswer = [&] { return pending->decision.has_value(); };
-        if (session.limits.waitsForever) {
-            pending->answered.wait(guard, hasAnswer);
-        } else if (!pending->answered.wait_until(guard, waitEnds, hasAnswer)) {
-            pending->abandoned = true;
-            guard.unlock();
-            session.cancel(pending);
-            return denyWith(GatewayDenyReason::timedOut);
+        if (!session.submit(std::move(transfer))) {
+            pending->complete(denyWith(GatewayDenyReason::noAnswer));
+            return nullptr;
         }
-        return *pending->decision;
+        return std::make_shared<DecisionWithdrawal>(
+            pending, [&session](std::shared_ptr<PendingDecision> given) { session.withdraw(std::move(given)); });
+    } catch (...) {
+        pending->complete(denyWith(GatewayDenyReason::noAnswer));
+        return nullptr;
+    }
+}
+
+BridgeDecision HTTPBridgeGatewayClient::requestDecision(const BridgeToolCallQuery& query) {
+    struct Answer {
+        std::mutex lock;
+        std::condition_variable arrived;
+        std::optional<BridgeDecision> decision;
+    };
+    try {
+        auto answer = std::make_shared<Answer>();
+        // The worker answers every started decision by its deadline, so this wait is bounded by it.
+        auto handle = startDecision(query, [answer](BridgeDecision decision) {
+            {
+                std::lock_guard<std::mutex> guard(answer->lock);
+                answer->decision = std::move(decision);
+            }
+            answer->arrived.notify_one();
+        });
+        std::unique_lock<std::mutex> guard(answer->lock);
+        answer->arrived.wait(guard, [&] { return answer->decision.has_value(); });
+        return std::move(*answer->decision);
     } catch (...) {
         return denyWith(GatewayDenyReason::noAnswer);
     }

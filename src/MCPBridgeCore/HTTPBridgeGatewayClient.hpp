@@ -27,6 +27,10 @@ public:
     HTTPBridgeGatewayClient& operator=(const HTTPBridgeGatewayClient&) = delete;
 
     BridgeDecision requestDecision(const BridgeToolCallQuery& query) override;
+    // Every started decision is answered on the worker thread by its deadline at the latest
+    // (the time-out deny); failures known at once are answered before this returns.
+    std::shared_ptr<BridgeCancellable> startDecision(const BridgeToolCallQuery& query,
+                                                     DecisionHandler onDecision) override;
     void postEvent(const BridgeEvent& event) override;
 
     // The request URL for a path ("/v1/toolcall", "/v1/event") resolved against the base by

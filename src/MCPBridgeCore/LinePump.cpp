@@ -2,7 +2,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <algorithm>
 #include <memory>
+#include <optional>
 
 #include <poll.h>
 #include <unistd.h>
@@ -52,28 +54,55 @@ public:
     std::size_t tailSize() const { return capacity_ - end_; }
     void appended(std::size_t count) { end_ += count; }
 
-    // Hands every complete non-empty line to the sink, each as its own string.
-    void deliverLines(const std::function<void(std::string)>& sink) {
+    // Hands every complete non-empty line to the sink, each as its own string, saying whether
+    // another complete line is already in hand after it.
+    void deliverLines(const LineSink& sink) {
         char* const base = data_.get();
-        while (scanned_ < end_) {
-            const void* found = std::memchr(base + scanned_, '\n', end_ - scanned_);
-            if (found == nullptr) {
-                scanned_ = end_; // the next search starts with the next read's bytes
-                break;
-            }
-            const std::size_t lineEnd = static_cast<std::size_t>(static_cast<const char*>(found) - base);
-            if (lineEnd > start_) sink(lineCopy(base + start_, lineEnd - start_));
-            start_ = scanned_ = lineEnd + 1;
+        std::optional<Span> line = nextLine(start_);
+        while (line) {
+            const std::optional<Span> following = nextLine(line->end + 1);
+            sink(lineCopy(base + line->start, line->end - line->start), following.has_value());
+            start_ = line->end + 1;
+            line = following;
         }
+        // No complete line is left in [start, end): skip the empty ones and search on from the end.
+        scanned_ = lastLineFeedFrom(start_);
+        start_ = scanned_;
         if (start_ == end_) start_ = end_ = scanned_ = 0;
+        else scanned_ = end_;
     }
 
-    void deliverRest(const std::function<void(std::string)>& sink) {
-        if (end_ > start_) sink(lineCopy(data_.get() + start_, end_ - start_));
+    void deliverRest(const LineSink& sink) {
+        if (end_ > start_) sink(lineCopy(data_.get() + start_, end_ - start_), false);
         start_ = end_ = scanned_ = 0;
     }
 
 private:
+    struct Span {
+        std::size_t start;
+        std::size_t end; // the LF
+    };
+    // The first non-empty complete line starting at or after from (empty ones skipped); the
+    // search for its LF starts at scanned_ at the earliest.
+    std::optional<Span> nextLine(std::size_t from) const {
+        const char* const base = data_.get();
+        std::size_t searchFrom = std::max(from, scanned_);
+        while (searchFrom < end_) {
+            const void* found = std::memchr(base + searchFrom, '\n', end_ - searchFrom);
+            if (found == nullptr) return std::nullopt;
+            const auto lineEnd = static_cast<std::size_t>(static_cast<const char*>(found) - base);
+            if (lineEnd > from) return Span{from, lineEnd};
+            from = searchFrom = lineEnd + 1;
+        }
+        return std::nullopt;
+    }
+    // Just past the last LF in [from, end), or from when there is none.
+    std::size_t lastLineFeedFrom(std::size_t from) const {
+        const char* const base = data_.get();
+        const void* found = ::memrchr(base + from, '\n', end_ - from);
+        return found == nullptr ? from : static_cast<std::size_t>(static_cast<const char*>(found) - base) + 1;
+    }
+
     std::unique_ptr<char[]> data_;
     std::size_t capacity_;
     std::size_t start_ = 0;
@@ -99,7 +128,7 @@ std::size_t readSome(int fd, char* into, std::size_t capacity) {
 
 } // namespace
 
-void pumpLines(int fd, const std::function<void(std::string line)>& sink) {
+void pumpLines(int fd, const LineSink& sink) {
     PumpBuffer buffer;
     for (;;) {
         buffer.reserveTail();

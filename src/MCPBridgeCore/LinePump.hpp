@@ -7,8 +7,12 @@
 
 namespace sentrova {
 
+// Receives each line, and whether another complete line is already in hand after it (then the
+// sink may hold its output back to write it together with the next line's).
+using LineSink = std::function<void(std::string line, bool moreFollows)>;
+
 // Reads fd until end of stream (or a read error, treated as the end). Only 0x0A ends a line;
 // CR is kept; empty lines are dropped; a last line without LF is delivered at the end.
-void pumpLines(int fd, const std::function<void(std::string line)>& sink);
+void pumpLines(int fd, const LineSink& sink);
 
 } // namespace sentrova

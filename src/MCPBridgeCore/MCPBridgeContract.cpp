@@ -98,4 +98,10 @@ std::string BridgeEvent::httpBody() const {
     return writeBody(std::move(members));
 }
 
+std::shared_ptr<BridgeCancellable> BridgeGatewayClient::startDecision(const BridgeToolCallQuery& query,
+                                                                     DecisionHandler onDecision) {
+    onDecision(requestDecision(query));
+    return nullptr;
+}
+
 } // namespace sentrova

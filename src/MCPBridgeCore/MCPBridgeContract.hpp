@@ -2,10 +2,14 @@
 
 // The vocabulary exchanged with the policy gateway, and the interface the router asks it through.
 
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
+
+#include "MCPBridgeCore/BridgeScheduler.hpp"
 
 namespace sentrova {
 
@@ -96,9 +100,18 @@ inline constexpr std::string_view policyDefault = "Denied by Sentrova policy.";
 
 class BridgeGatewayClient {
 public:
+    using DecisionHandler = std::function<void(BridgeDecision)>;
+
     virtual ~BridgeGatewayClient() = default;
     // Blocks at most the deadline; never fails: every failure comes back as a deny.
     virtual BridgeDecision requestDecision(const BridgeToolCallQuery& query) = 0;
+    // Starts a decision and returns at once. onDecision gets the decision exactly once (every
+    // failure as a deny), on whatever thread the client completes on, possibly before this
+    // returns; after cancel() on the handle it is no longer called, unless it had already begun,
+    // and the request is given up. This default decides inline through requestDecision (clients
+    // that answer at once need nothing more).
+    virtual std::shared_ptr<BridgeCancellable> startDecision(const BridgeToolCallQuery& query,
+                                                             DecisionHandler onDecision);
     // Returns at once; the answer is never looked at.
     virtual void postEvent(const BridgeEvent& event) = 0;
 };

@@ -15,10 +15,13 @@ namespace {
 constexpr std::string_view kToolsCall = "tools/call";
 constexpr std::string_view kToolsList = "tools/list";
 constexpr std::string_view kToolsListChanged = "notifications/tools/list_changed";
+constexpr std::string_view kCancelled = "notifications/cancelled";
 
 constexpr std::string_view kMalformedTool = "tool";
 constexpr std::string_view kMalformedReason = "the request was malformed";
 constexpr std::string_view kHeartbeatMessage = "Awaiting Sentrova approval\xE2\x80\xA6"; // U+2026
+// A line this long goes out on its own rather than being copied into a batch.
+constexpr std::size_t kDirectWriteSize = 64 * 1024;
 
 // One heartbeat's tick count, shared by its ticks only.
 class Counter {
@@ -31,24 +34,6 @@ public:
 private:
     std::mutex lock_;
     std::int64_t value_ = 0;
-};
-
-// Stops a heartbeat however the wait for the decision ends; cancel() is idempotent, so the
-// explicit stop right after the decision and this one may both run.
-class HeartbeatStop {
-public:
-    explicit HeartbeatStop(std::shared_ptr<BridgeCancellable> handle) : handle_(std::move(handle)) {}
-    ~HeartbeatStop() { stop(); }
-    HeartbeatStop(const HeartbeatStop&) = delete;
-    HeartbeatStop& operator=(const HeartbeatStop&) = delete;
-    void stop() noexcept {
-        if (handle_) {
-            handle_->cancel();
-        }
-    }
-
-private:
-    std::shared_ptr<BridgeCancellable> handle_;
 };
 
 bool isMethod(const Json& message, std::string_view method) {
@@ -68,6 +53,49 @@ std::string argumentsText(const Json* arguments) {
 
 } // namespace
 
+// One tool call from the moment its decision is asked until it is allowed, denied or withdrawn.
+struct MCPBridgeRouter::PendingCall {
+    Json id;
+    std::string idKey; // empty when the id has none (then it cannot be cancelled by id)
+    std::string rawLine;
+    std::string tool;
+    std::string pinHash;
+    bool pinChanged = false;
+    std::shared_ptr<BridgeCancellable> heartbeat; // set before the decision starts, read-only after
+    bool ended = false;                           // under the router's stateLock_
+
+    // The gateway request, known only once it has started; a withdrawal may come first.
+    void holdDecision(std::shared_ptr<BridgeCancellable> handle) {
+        {
+            std::lock_guard<std::mutex> hold(decisionLock);
+            if (!withdrawn) {
+                decision = std::move(handle);
+                return;
+            }
+        }
+        if (handle) handle->cancel();
+    }
+    void withdraw() {
+        std::shared_ptr<BridgeCancellable> handle;
+        {
+            std::lock_guard<std::mutex> hold(decisionLock);
+            withdrawn = true;
+            handle = std::move(decision);
+        }
+        if (handle) handle->cancel();
+        stopHeartbeat();
+    }
+    // Waits for a tick under way, so nothing of the heartbeat follows what is written next.
+    void stopHeartbeat() {
+        if (heartbeat) heartbeat->cancel();
+    }
+
+private:
+    std::mutex decisionLock;
+    std::shared_ptr<BridgeCancellable> decision; // under decisionLock
+    bool withdrawn = false;                      // under decisionLock
+};
+
 MCPBridgeRouter::MCPBridgeRouter(Config config, WriteOperation writeToClient, WriteOperation writeToServer,
                                  std::shared_ptr<BridgeGatewayClient> gateway,
                                  std::shared_ptr<BridgeScheduler> scheduler)
@@ -86,7 +114,42 @@ void MCPBridgeRouter::writeLine(const WriteOperation& write, std::string& line) 
     }
 }
 
-void MCPBridgeRouter::handleClientLine(std::string line) {
+void MCPBridgeRouter::emit(OutputBatch& batch, const WriteOperation& write, std::string& line, bool moreFollows) {
+    if (!moreFollows && batch.bytes.empty()) {
+        writeLine(write, line);
+        return;
+    }
+    if (line.size() >= kDirectWriteSize) {
+        flush(batch, write);
+        writeLine(write, line);
+        return;
+    }
+    batch.bytes.append(line).push_back('\n');
+    if (!moreFollows) flush(batch, write);
+}
+
+void MCPBridgeRouter::flush(OutputBatch& batch, const WriteOperation& write) {
+    if (batch.bytes.empty()) return;
+    if (write) write(batch.bytes);
+    batch.bytes.clear();
+}
+
+void MCPBridgeRouter::flushClientPump() {
+    flush(clientPumpToServer_, writeToServer_);
+    flush(clientPumpToClient_, writeToClient_);
+}
+
+void MCPBridgeRouter::handleClientLine(std::string line, bool moreFollows) {
+    // The client pump's own output waits in its batches only while more lines are in hand.
+    clientLineHasMore_ = moreFollows;
+    struct FlushAtEnd {
+        MCPBridgeRouter& router;
+        bool flushes;
+        ~FlushAtEnd() {
+            if (flushes) router.flushClientPump();
+        }
+    } flushAtEnd{*this, !moreFollows};
+
     try {
         std::optional<Json> message = parseJson(line);
         const SmuggledCallGuard::Verdict smuggled = SmuggledCallGuard::inspect(line, message.has_value());
@@ -95,13 +158,13 @@ void MCPBridgeRouter::handleClientLine(std::string line) {
             // this line that the gateway never saw: refuse every call in it, relay nothing.
             for (const Json& id : smuggled.ids) {
                 std::string answer = MCPWire::denyResult(id, denyMessage(kMalformedTool, kMalformedReason, false));
-                writeLine(writeToClient_, answer);
+                toClient(answer);
             }
             return;
         }
         if (!message || !message->isObject()) {
             message.reset(); // free the parsed copy before a large relay
-            writeLine(writeToServer_, line);
+            toServer(line);
             return;
         }
 
@@ -112,13 +175,21 @@ void MCPBridgeRouter::handleClientLine(std::string line) {
             if (verdict.id != nullptr) {
                 std::string answer = MCPWire::denyResult(
                     *verdict.id, denyMessage(kMalformedTool, kMalformedReason, /*pinChanged=*/false));
-                writeLine(writeToClient_, answer);
+                toClient(answer);
             }
             return;
         }
 
         if (isMethod(*message, kToolsCall)) {
             interceptToolsCall(*message, std::move(line));
+            return;
+        }
+        if (isMethod(*message, kCancelled)) {
+            // Decided under relayOrderLock_: a relayed cancellation must not overtake the call it names.
+            std::lock_guard<std::mutex> order(relayOrderLock_);
+            if (withdrawCancelledCall(*message)) return;
+            message.reset();
+            toServer(line);
             return;
         }
         if (isMethod(*message, kToolsList)) {
@@ -131,26 +202,26 @@ void MCPBridgeRouter::handleClientLine(std::string line) {
             }
         }
         message.reset();
-        writeLine(writeToServer_, line);
+        toServer(line);
     } catch (...) {
         // Out of memory or a failing collaborator: drop the line rather than relay something
         // that was not looked at.
     }
 }
 
-void MCPBridgeRouter::handleServerLine(std::string line) {
+void MCPBridgeRouter::handleServerLine(std::string line, bool moreFollows) {
     try {
         std::optional<Json> message = parseJson(line);
         if (!message || !message->isObject()) {
             message.reset();
-            writeLine(writeToClient_, line);
+            emit(serverPumpToClient_, writeToClient_, line, moreFollows);
             return;
         }
 
         if (isMethod(*message, kToolsListChanged)) {
             pinTable_.markStale();
             message.reset();
-            writeLine(writeToClient_, line);
+            emit(serverPumpToClient_, writeToClient_, line, moreFollows);
             return;
         }
 
@@ -187,10 +258,16 @@ void MCPBridgeRouter::handleServerLine(std::string line) {
             }
         }
         message.reset();
-        writeLine(writeToClient_, line);
+        emit(serverPumpToClient_, writeToClient_, line, moreFollows);
     } catch (...) {
         // Out of memory or a failing collaborator: nothing sensible is left to write.
     }
+}
+
+void MCPBridgeRouter::finishPendingDecisions() {
+    flushClientPump();
+    std::unique_lock<std::mutex> hold(stateLock_);
+    pendingEnded_.wait(hold, [this] { return pendingCount_ == 0; });
 }
 
 std::string MCPBridgeRouter::denyMessage(std::string_view tool, std::string_view reason, bool pinChanged) {
@@ -207,18 +284,19 @@ std::string MCPBridgeRouter::denyMessage(std::string_view tool, std::string_view
     return message;
 }
 
+
 void MCPBridgeRouter::interceptToolsCall(const Json& message, std::string rawLine) {
     const Json* id = message.find("id");
     if (id == nullptr) {
         // A notification can take no answer; the server gets it as sent.
-        writeLine(writeToServer_, rawLine);
+        toServer(rawLine);
         return;
     }
     const Json* params = message.find("params");
     const Json* name = params != nullptr && params->isObject() ? params->find("name") : nullptr;
     if (name == nullptr || !name->isString()) {
         std::string answer = MCPWire::denyResult(*id, denyMessage(kMalformedTool, kMalformedReason, false));
-        writeLine(writeToClient_, answer);
+        toClient(answer);
         return;
     }
     const std::string& tool = name->stringValue();
@@ -226,54 +304,137 @@ void MCPBridgeRouter::interceptToolsCall(const Json& message, std::string rawLin
     const Json* meta = params->find("_meta");
     const Json* progressToken = meta != nullptr && meta->isObject() ? meta->find("progressToken") : nullptr;
 
-    const std::optional<ToolPinTable::ToolPin> pin = pinTable_.pin(tool);
-    const BridgeRisk risk = pin ? pin->risk : BridgeRisk::caution;
-    const std::string currentHash = pin ? pin->hash : std::string();
-    const ToolPinTable::PinStatus status = pinTable_.pinStatus(tool, currentHash);
+    auto call = std::make_shared<PendingCall>();
+    call->id = *id;
+    call->idKey = MCPWire::idKey(*id).value_or(std::string());
 
-    BridgeToolCallQuery query;
-    query.workerName = config_.workerName;
-    query.provider = config_.provider;
-    query.serverCommand = config_.serverCommand;
-    query.tool = tool;
-    query.argumentsJSON = argumentsText(arguments);
-    query.risk = risk;
-    query.pinHash = currentHash;
-    query.pinChanged = status.pinChanged;
-    query.previousPinHash = status.previous;
-    query.requestID = makeRequestUUID();
-
-    if (status.pinChanged && status.previous && gateway_) {
-        // Reported before the decision is asked, whatever the decision will be.
-        gateway_->postEvent(BridgeEvent::pinViolation(config_.workerName, tool, *status.previous, currentHash));
-    }
-
-    HeartbeatStop heartbeat(armHeartbeat(progressToken));
-    std::optional<BridgeDecision> decision;
-    try {
-        if (gateway_) {
-            decision = gateway_->requestDecision(query);
+    // Whatever the client sent before this call leaves now: an allowed call must not overtake
+    // it, and nothing should sit in a batch while the pump waits for a slot below.
+    flushClientPump();
+    {
+        std::unique_lock<std::mutex> hold(stateLock_);
+        pendingEnded_.wait(hold, [this] { return pendingCount_ < maxPendingDecisions; });
+        if (!call->idKey.empty() && pendingCalls_.contains(call->idKey)) {
+            // The id is taken by a call still waiting: answering this one would answer both.
+            hold.unlock();
+            std::string answer = MCPWire::denyResult(*id, denyMessage(kMalformedTool, kMalformedReason, false));
+            toClient(answer);
+            return;
         }
-    } catch (...) {
-        // The gateway client never fails by contract; if it does anyway, the call stays closed.
-    }
-    heartbeat.stop();
-    if (!decision) {
-        decision = BridgeDecision::deny(std::string(GatewayDenyReason::noAnswer));
+        ++pendingCount_;
+        if (!call->idKey.empty()) pendingCalls_.emplace(call->idKey, call);
     }
 
-    if (!decision->isAllow()) {
-        std::string answer = MCPWire::denyResult(*id, denyMessage(tool, decision->reason(), status.pinChanged));
-        writeLine(writeToClient_, answer);
+    try {
+        const std::optional<ToolPinTable::ToolPin> pin = pinTable_.pin(tool);
+        const ToolPinTable::PinStatus status = pinTable_.pinStatus(tool, pin ? pin->hash : std::string());
+
+        BridgeToolCallQuery query;
+        query.workerName = config_.workerName;
+        query.provider = config_.provider;
+        query.serverCommand = config_.serverCommand;
+        query.tool = tool;
+        query.argumentsJSON = argumentsText(arguments);
+        query.risk = pin ? pin->risk : BridgeRisk::caution;
+        query.pinHash = pin ? pin->hash : std::string();
+        query.pinChanged = status.pinChanged;
+        query.previousPinHash = status.previous;
+        query.requestID = makeRequestUUID();
+
+        call->rawLine = std::move(rawLine);
+        call->tool = tool;
+        call->pinHash = query.pinHash;
+        call->pinChanged = status.pinChanged;
+
+        if (status.pinChanged && status.previous && gateway_) {
+            // Reported before the decision is asked, whatever the decision will be.
+            gateway_->postEvent(BridgeEvent::pinViolation(config_.workerName, tool, *status.previous, query.pinHash));
+        }
+        call->heartbeat = armHeartbeat(progressToken);
+        if (!gateway_) {
+            finishCall(call, BridgeDecision::deny(std::string(GatewayDenyReason::noAnswer)));
+            return;
+        }
+        // The completion may run on the gateway client's thread, or here before this returns.
+        call->holdDecision(gateway_->startDecision(
+            query, [router = shared_from_this(), call](BridgeDecision decision) {
+                router->finishCall(call, std::move(decision));
+            }));
+    } catch (...) {
+        // The call stays closed whatever failed; its slot and its answer are settled here.
+        call->withdraw();
+        finishCall(call, BridgeDecision::deny(std::string(GatewayDenyReason::noAnswer)));
+    }
+}
+
+// Ends a pending call exactly once: the first of its decision and its cancellation wins. The
+// call keeps its slot until releaseSlot(), after its last write.
+bool MCPBridgeRouter::endPending(PendingCall& call, bool forwarded) {
+    std::lock_guard<std::mutex> hold(stateLock_);
+    if (call.ended) return false;
+    call.ended = true;
+    if (!call.idKey.empty()) {
+        pendingCalls_.erase(call.idKey);
+        // Recorded before the request goes out, so the server's answer always finds its key.
+        if (forwarded) forwardedToolCallIDs_.insert(call.idKey);
+    }
+    return true;
+}
+
+void MCPBridgeRouter::releaseSlot() {
+    {
+        std::lock_guard<std::mutex> hold(stateLock_);
+        --pendingCount_;
+    }
+    pendingEnded_.notify_all();
+}
+
+void MCPBridgeRouter::finishCall(const std::shared_ptr<PendingCall>& call, BridgeDecision decision) {
+    if (!decision.isAllow()) {
+        if (!endPending(*call, false)) return; // withdrawn by the client: no answer at all
+        call->stopHeartbeat();
+        try {
+            std::string answer =
+                MCPWire::denyResult(call->id, denyMessage(call->tool, decision.reason(), call->pinChanged));
+            writeLine(writeToClient_, answer);
+        } catch (...) {
+            // Only allocation can fail here: the call goes unanswered, and never reaches the server.
+        }
+        releaseSlot();
         return;
     }
-    pinTable_.approve(tool, currentHash);
-    // Recorded before the request goes out, so the server's answer always finds its key.
-    if (std::optional<std::string> key = MCPWire::idKey(*id)) {
-        std::lock_guard<std::mutex> hold(stateLock_);
-        forwardedToolCallIDs_.insert(std::move(*key));
+    {
+        std::lock_guard<std::mutex> order(relayOrderLock_);
+        if (!endPending(*call, true)) return;
+        call->stopHeartbeat();
+        try {
+            pinTable_.approve(call->tool, call->pinHash);
+            writeLine(writeToServer_, call->rawLine);
+        } catch (...) {
+            // Only allocation can fail here: the call then does not reach the server at all.
+        }
     }
-    writeLine(writeToServer_, rawLine);
+    releaseSlot();
+}
+
+// A cancellation that names a pending call ends it: its request is given up, its heartbeat
+// stops, and neither the server nor the client hears of it again (the server never saw it).
+bool MCPBridgeRouter::withdrawCancelledCall(const Json& message) {
+    const Json* params = message.find("params");
+    const Json* requestId = params != nullptr && params->isObject() ? params->find("requestId") : nullptr;
+    std::optional<std::string> key = requestId != nullptr ? MCPWire::idKey(*requestId) : std::nullopt;
+    if (!key) return false;
+    std::shared_ptr<PendingCall> call;
+    {
+        std::lock_guard<std::mutex> hold(stateLock_);
+        auto found = pendingCalls_.find(*key);
+        if (found == pendingCalls_.end()) return false;
+        call = found->second;
+    }
+    if (!endPending(*call, false)) return false;
+    call->withdraw();
+    releaseSlot();
+    return true;
 }
 
 std::shared_ptr<BridgeCancellable> MCPBridgeRouter::armHeartbeat(const Json* progressToken) {

@@ -14,7 +14,9 @@ using Lines = std::vector<std::string>;
 
 // Writes each chunk as its own write on a real pipe (with a pause between them, so that the
 // pump sees the chunks as separate reads) and returns every line the pump hands on.
-Lines pumpChunks(const std::vector<std::string>& chunks, bool pauseBetweenChunks = true) {
+// moreFollows, when given, gets the flag handed with each line.
+Lines pumpChunks(const std::vector<std::string>& chunks, bool pauseBetweenChunks = true,
+                 std::vector<bool>* moreFollows = nullptr) {
     int ends[2];
     if (::pipe(ends) != 0) {
         ADD_FAILURE() << "pipe failed";
@@ -33,7 +35,10 @@ Lines pumpChunks(const std::vector<std::string>& chunks, bool pauseBetweenChunks
         ::close(writeEnd);
     });
     Lines lines;
-    sentrova::pumpLines(ends[0], [&](std::string line) { lines.push_back(std::move(line)); });
+    sentrova::pumpLines(ends[0], [&](std::string line, bool more) {
+        lines.push_back(std::move(line));
+        if (moreFollows) moreFollows->push_back(more);
+    });
     writer.join();
     ::close(ends[0]);
     return lines;
@@ -63,6 +68,14 @@ TEST(LinePumpTests, ChunkBoundariesDoNotChangeTheLines) {
     }
 }
 
+TEST(LinePumpTests, SaysWhetherAnotherWholeLineIsInHand) {
+    // Empty lines and a partial line do not count: the output of "b" must not wait for them.
+    // "c" is completed by the second read, which has "d" in hand too.
+    std::vector<bool> more;
+    EXPECT_EQ(pumpChunks({"a\n\nb\n\nc", "\nd\n"}, true, &more), (Lines{"a", "b", "c", "d"}));
+    EXPECT_EQ(more, (std::vector<bool>{true, false, true, false}));
+}
+
 TEST(LinePumpTests, LongLinesArriveWholeAndInOrder) {
     // Many small lines mixed with long ones, written as one stream, keep their order.
     std::string stream;
@@ -81,7 +94,7 @@ TEST(LinePumpTests, StopsAtReadErrorsLikeAtEndOfStream) {
     int ends[2];
     ASSERT_EQ(::pipe(ends), 0);
     int calls = 0;
-    sentrova::pumpLines(ends[1], [&](std::string) { ++calls; });
+    sentrova::pumpLines(ends[1], [&](std::string, bool) { ++calls; });
     EXPECT_EQ(calls, 0);
     ::close(ends[0]);
     ::close(ends[1]);
