@@ -8,6 +8,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "MCPBridgeCore/AmbiguousCallGuard.hpp"
@@ -58,6 +59,26 @@ struct FakeGateway final : BridgeGatewayClient {
         if (whileDeciding) whileDeciding();
         return decision;
     }
+    // With holdDecisions, decisions wait until the test completes them through `held`.
+    struct Held final : BridgeCancellable {
+        DecisionHandler onDecision;
+        std::atomic<bool> cancelled{false};
+        void cancel() override { cancelled = true; }
+    };
+    std::shared_ptr<BridgeCancellable> startDecision(const BridgeToolCallQuery& query,
+                                                     DecisionHandler onDecision) override {
+        if (!holdDecisions) return BridgeGatewayClient::startDecision(query, std::move(onDecision));
+        auto handle = std::make_shared<Held>();
+        handle->onDecision = std::move(onDecision);
+        std::lock_guard<std::mutex> hold(lock);
+        queries.push_back(query);
+        held.push_back(handle);
+        return handle;
+    }
+    std::shared_ptr<Held> heldAt(std::size_t index) {
+        std::lock_guard<std::mutex> hold(lock);
+        return index < held.size() ? held[index] : nullptr;
+    }
     void postEvent(const BridgeEvent& event) override {
         std::lock_guard<std::mutex> hold(lock);
         events.push_back(event);
@@ -67,6 +88,8 @@ struct FakeGateway final : BridgeGatewayClient {
     std::mutex lock;
     std::deque<BridgeDecision> decisions;
     std::function<void()> whileDeciding;
+    bool holdDecisions = false;
+    std::vector<std::shared_ptr<Held>> held;
     std::vector<BridgeToolCallQuery> queries;
     std::vector<BridgeEvent> events;
     Lines log;
@@ -311,6 +334,55 @@ TEST_F(MCPBridgeRouterTests, HeartbeatsEchoTheTokenAndCountFromOnePerCall) {
     }
     EXPECT_EQ(scheduler->timers.size(), 3u);
     EXPECT_EQ(client.all().size(), 7u);
+}
+
+TEST_F(MCPBridgeRouterTests, PendingDecisionsHoldNothingBackAndCancelledCallsNeverRun) {
+    gateway->holdDecisions = true;
+    const std::string first = R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"slow","_meta":{"progressToken":"p"}}})";
+    const std::string second = R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"fast"}})";
+    const std::string ping = R"({"jsonrpc":"2.0","id":3,"method":"ping"})";
+    router->handleClientLine(first);
+    router->handleClientLine(second);
+    router->handleClientLine(ping);
+    EXPECT_EQ(server.all(), Lines{ping + "\n"}) << "nothing waits behind a pending decision";
+    // A second call with a pending call's id is refused; the first goes on.
+    router->handleClientLine(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"again"}})");
+    EXPECT_EQ(client.all(), Lines{malformedDeny(Json::integer(1))});
+    ASSERT_EQ(gateway->held.size(), 2u);
+
+    gateway->heldAt(1)->onDecision(BridgeDecision::allow());
+    EXPECT_EQ(server.all(), (Lines{ping + "\n", second + "\n"})) << "the later verdict is not held back";
+
+    // The client gives up on call 1: its request and heartbeat stop, and no word of it goes out.
+    router->handleClientLine(R"({"jsonrpc":"2.0","method":"notifications/cancelled","params":{"requestId":1}})");
+    EXPECT_TRUE(gateway->heldAt(0)->cancelled);
+    EXPECT_TRUE(scheduler->allCancelled());
+    gateway->heldAt(0)->onDecision(BridgeDecision::allow()); // a verdict already on its way
+    EXPECT_EQ(server.all().size(), 2u);
+    EXPECT_EQ(client.all().size(), 1u);
+    // A cancellation of a call the server has is the server's business.
+    const std::string cancelSecond = R"({"jsonrpc":"2.0","method":"notifications/cancelled","params":{"requestId":2}})";
+    router->handleClientLine(cancelSecond);
+    EXPECT_EQ(server.all().back(), cancelSecond + "\n");
+
+    // At most maxPendingDecisions wait at once; the next call waits for a slot, and the end of the
+    // client's input waits for every pending decision.
+    for (std::size_t i = 0; i < MCPBridgeRouter::maxPendingDecisions; ++i) call(std::to_string(100 + i), "t");
+    std::atomic<bool> started{false};
+    std::thread pump([&] {
+        call("999", "t");
+        started = true;
+        router->finishPendingDecisions();
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(started);
+    gateway->heldAt(2)->onDecision(BridgeDecision::deny("no"));
+    while (!gateway->heldAt(2 + MCPBridgeRouter::maxPendingDecisions)) std::this_thread::yield();
+    for (std::size_t i = 3; i <= 2 + MCPBridgeRouter::maxPendingDecisions; ++i) {
+        gateway->heldAt(i)->onDecision(BridgeDecision::allow());
+    }
+    pump.join();
+    EXPECT_EQ(server.all().size(), 3u + MCPBridgeRouter::maxPendingDecisions);
 }
 
 TEST_F(MCPBridgeRouterTests, AmbiguousToolCallsAreNeverRelayed) {
