@@ -1,6 +1,33 @@
 #pragma once
 
 // One run of the bridge: the server as a child, both streams pumped through the router.
+//
+// Threads of a run, and what each runs:
+//   main              start-up, launch of the server, then waits in run() for the end
+//   client-input pump MCPBridgeRouter::handleClientLine for each client line: relays, answers
+//                     refused lines, starts tool-call decisions without waiting for them (it
+//                     waits only for a free slot when 64 are pending), withdraws cancelled calls;
+//                     at the end of input, waits for pending decisions, then closes the server's input
+//   server-output pump MCPBridgeRouter::handleServerLine: tool-list capture, screenshot events, relay
+//   HTTP worker       every gateway request side by side; runs each decision's completion (allow:
+//                     the call to the server; deny: the answer to the client)
+//   scheduler         every heartbeat tick of every pending call
+//   child waiter      waitpid on the server
+//   stderr copier     the server's standard error to ours
+//
+// Locks, each held only around its own short operation:
+//   client write lock      one write to our standard output (pumps, completions, ticks)
+//   server write lock      one write to the server's input (client pump, completions)
+//   router stateLock_      pending tool-list ids, forwarded call ids, pending calls and their count
+//   router relayOrderLock_ an allowed call's settling and its write to the server, and the client
+//                          pump's handling of a cancellation, so a relayed cancellation never
+//                          overtakes its call
+//   pending call lock      the gateway request handle of one pending call
+//   pin table lock         the pin table
+//   heartbeat counter lock one heartbeat's count
+//   scheduler mutex        the timer list and the timer running now (cancel() waits for it)
+//   gateway queueLock      requests and withdrawals handed to the HTTP worker
+//   pending decision lock  one request's completion handler (taken once: answer or withdrawal)
 
 #include <memory>
 

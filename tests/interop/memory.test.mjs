@@ -12,6 +12,7 @@ const destructiveReason = 'destructive memory changes need a person';
 const rules = [
   { risk: 'critical', decision: 'deny', reason: destructiveReason },
   { tool: 'create_entities', workerName: 'writer', decision: 'allow' },
+  { tool: 'add_observations', decision: 'allow', delaySeconds: 3, comment: 'a person taking a while' },
   { tool: ['read_graph', 'search_nodes', 'open_nodes'], decision: 'allow' },
 ];
 
@@ -55,6 +56,34 @@ describe('server-memory through the bridge', () => {
       } finally {
         await direct.close();
       }
+    } finally {
+      await writer.close();
+    }
+  });
+
+  test('approvals run side by side, and a call the client gave up on never runs', async () => {
+    const writer = await session('writer');
+    try {
+      const started = Date.now();
+      const finished = [];
+      const slow = writer.client.callTool({ name: 'add_observations',
+        arguments: { observations: [{ entityName: 'Ada', contents: ['took a while'] }] } })
+        .then((result) => { finished.push('slow'); return result; });
+      const fast = writer.client.callTool({ name: 'read_graph', arguments: {} })
+        .then((result) => { finished.push('fast'); return result; });
+      await fast;
+      await writer.client.ping();
+      assert.ok(Date.now() - started < 2000, 'neither the other call nor a ping waits for a pending approval');
+      assert.notEqual((await slow).isError, true);
+      assert.deepEqual(finished, ['fast', 'slow']);
+
+      // The SDK gives up after 1 s and sends notifications/cancelled; the allow at 3 s must not run it.
+      const before = fs.readFileSync(memoryFile);
+      await assert.rejects(writer.client.callTool({ name: 'add_observations',
+        arguments: { observations: [{ entityName: 'Ada', contents: ['abandoned'] }] } }, undefined, { timeout: 1000 }));
+      await new Promise((resolve) => setTimeout(resolve, 3000));
+      await writer.client.ping();
+      assert.deepEqual(fs.readFileSync(memoryFile), before);
     } finally {
       await writer.close();
     }
