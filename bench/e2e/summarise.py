@@ -62,7 +62,7 @@ def main():
           f"median of {runs} runs")
     print(f"{'case':<38}{'bridge':>12}{'node relay':>12}{'cat|cat|cat':>12}{'no relay':>12}"
           f"{'bridge/node':>13}{'bridge/cat':>12}   target")
-    size_targets = {"small": (8, 6.0), "large": (10, 1.6)}
+    size_targets = {"small": (4, 6.0), "large": (10, 1.6)}
     for size in ("small", "large"):
         for direction in ("c2s", "s2c"):
             if (size, direction) not in info:
