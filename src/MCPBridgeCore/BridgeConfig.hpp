@@ -17,7 +17,7 @@ struct BridgeConfig {
     double deadline = 240.0;
     double heartbeatInterval = 15.0;
     // CA certificates for the gateway's TLS, from CURL_CA_BUNDLE or else SSL_CERT_FILE (as the curl
-    // tool reads them); absent: libcurl's own default store.
+    // tool reads them); absent: libcurl's own default bundle.
     std::optional<std::string> caBundle;
 
     // serverArgv joined with single spaces, no quoting.

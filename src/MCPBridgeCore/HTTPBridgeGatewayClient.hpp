@@ -16,7 +16,7 @@ struct CurlLibrary;
 
 class HTTPBridgeGatewayClient final : public BridgeGatewayClient {
 public:
-    // caBundle: a file of CA certificates that replaces libcurl's default store for TLS.
+    // caBundle: a file of CA certificates used for TLS in place of libcurl's default bundle.
     HTTPBridgeGatewayClient(std::string baseURL, std::optional<std::string> token, double deadline,
                             std::optional<std::string> caBundle = std::nullopt);
     // Where libcurl comes from: called once, on the first request. Null means libcurl cannot be
