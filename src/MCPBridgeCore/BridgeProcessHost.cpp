@@ -276,7 +276,9 @@ struct RunState {
     std::condition_variable progressChanged;
     int completions = 0; // the completion semaphore: the child ended, its output ended, or our input ended
     bool childExited = false;
+    Clock::time_point childExitedAt;
     int childStatus = 0;
+    bool stopAsked = false; // a signal came after the server had exited: stop relaying
     bool serverOutputEnded = false;
     bool errorOutputEnded = false;
     // Since when each reader of the child's streams has been waiting for bytes; empty while it is
@@ -306,9 +308,12 @@ struct RunState {
         closeQuietly(serverInput);
     }
 
-    void signalChild(int number) {
+    // False when there is no child to signal any more.
+    bool signalChild(int number) {
         std::lock_guard lock(childLock);
-        if (childPid > 0 && !childReaped) ::kill(childPid, number);
+        if (childPid <= 0 || childReaped) return false;
+        ::kill(childPid, number);
+        return true;
     }
 
     void update(const std::function<void(RunState&)>& change, bool completes) {
@@ -333,6 +338,7 @@ struct RunState {
         update(
             [status](RunState& s) {
                 s.childExited = true;
+                s.childExitedAt = Clock::now();
                 s.childStatus = status;
             },
             true);
@@ -351,16 +357,18 @@ struct RunState {
     }
 
     // Waits until the server's output has reached the client whole: its end, a client that has
-    // gone, or a silence of drainSilence while waiting for bytes; the same for its error output.
+    // gone, or a silence of drainSilence while waiting for bytes (counted from the server's exit
+    // at the earliest, so that its last bytes are never taken for silence); the same for its
+    // error output.
     void drainServerOutput(std::unique_lock<std::mutex>& lock) {
         for (;;) {
             const auto now = Clock::now();
             auto silentUntil = [&](const std::optional<Clock::time_point>& since) {
-                return since ? *since + drainSilence : Clock::time_point::max();
+                return since ? std::max(*since, childExitedAt) + drainSilence : Clock::time_point::max();
             };
-            const bool outputDone = serverOutputEnded || clientGone.load(std::memory_order_relaxed) ||
+            const bool outputDone = serverOutputEnded || clientGone.load(std::memory_order_relaxed) || stopAsked ||
                                     silentUntil(serverOutputWaitingSince) <= now;
-            const bool errorsDone = errorOutputEnded || silentUntil(errorOutputWaitingSince) <= now;
+            const bool errorsDone = errorOutputEnded || stopAsked || silentUntil(errorOutputWaitingSince) <= now;
             if (outputDone && errorsDone) return;
             // A reader busy writing is woken up for when it waits again (update notifies).
             const auto wake = std::min(outputDone ? Clock::time_point::max() : silentUntil(serverOutputWaitingSince),
@@ -449,12 +457,14 @@ int BridgeProcessHost::run() {
         return waitForChild(pid);
     }
 
-    // Signals to the bridge are the server's: it decides when the run ends.
+    // Signals to the bridge are the server's: it decides when the run ends. Once it has exited,
+    // a signal ends the relay of its last output instead (at a line's end).
     startDetached([state] {
         const sigset_t signals = forwardedSignals();
         for (;;) {
             int received = 0;
-            if (::sigwait(&signals, &received) == 0) state->signalChild(received);
+            if (::sigwait(&signals, &received) != 0 || state->signalChild(received)) continue;
+            state->update([](RunState& s) { s.stopAsked = true; }, false);
         }
     });
 
