@@ -281,10 +281,12 @@ struct RunState {
     bool stopAsked = false; // a signal came after the server had exited: stop relaying
     bool serverOutputEnded = false;
     bool errorOutputEnded = false;
-    // Since when each reader of the child's streams has been waiting for bytes; empty while it is
-    // busy handing them on (a slow client must not count as a silent server).
+    // Since when the server-output pump has been waiting for bytes; empty while it is busy
+    // handing them on (a slow client must not count as a silent server).
     std::optional<Clock::time_point> serverOutputWaitingSince;
-    std::optional<Clock::time_point> errorOutputWaitingSince;
+    // When the error copy last read bytes. Its writes count as silence: error output that nobody
+    // reads must not hold the bridge after the server's exit.
+    Clock::time_point errorOutputReadAt{};
 
     void writeToClient(std::string_view bytes) {
         bool failed = false;
@@ -358,8 +360,8 @@ struct RunState {
 
     // Waits until the server's output has reached the client whole: its end, a client that has
     // gone, or a silence of drainSilence while waiting for bytes (counted from the server's exit
-    // at the earliest, so that its last bytes are never taken for silence); the same for its
-    // error output.
+    // at the earliest, so that its last bytes are never taken for silence); and until its error
+    // output has ended or been silent as long.
     void drainServerOutput(std::unique_lock<std::mutex>& lock) {
         for (;;) {
             const auto now = Clock::now();
@@ -368,11 +370,11 @@ struct RunState {
             };
             const bool outputDone = serverOutputEnded || clientGone.load(std::memory_order_relaxed) || stopAsked ||
                                     silentUntil(serverOutputWaitingSince) <= now;
-            const bool errorsDone = errorOutputEnded || stopAsked || silentUntil(errorOutputWaitingSince) <= now;
+            const bool errorsDone = errorOutputEnded || stopAsked || silentUntil(errorOutputReadAt) <= now;
             if (outputDone && errorsDone) return;
-            // A reader busy writing is woken up for when it waits again (update notifies).
+            // A pump busy writing is woken up for when it waits again (update notifies).
             const auto wake = std::min(outputDone ? Clock::time_point::max() : silentUntil(serverOutputWaitingSince),
-                                       errorsDone ? Clock::time_point::max() : silentUntil(errorOutputWaitingSince));
+                                       errorsDone ? Clock::time_point::max() : silentUntil(errorOutputReadAt));
             if (wake == Clock::time_point::max()) {
                 progressChanged.wait(lock);
             } else {
@@ -385,9 +387,8 @@ struct RunState {
 void copyErrorOutput(RunState& state, int errorReadEnd) {
     std::vector<char> buffer(64 * 1024);
     for (;;) {
-        state.update([](RunState& s) { s.errorOutputWaitingSince = RunState::Clock::now(); }, false);
         const ssize_t count = ::read(errorReadEnd, buffer.data(), buffer.size());
-        state.update([](RunState& s) { s.errorOutputWaitingSince.reset(); }, false);
+        state.update([](RunState& s) { s.errorOutputReadAt = RunState::Clock::now(); }, false);
         if (count < 0 && errno == EINTR) continue;
         if (count <= 0) break;
         if (!state.errorPassThroughRemoved.load(std::memory_order_relaxed)) {
