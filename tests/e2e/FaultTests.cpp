@@ -447,11 +447,10 @@ TEST(FaultTests, AGatewayBehindAPrivateCAIsTrustedOnlyThroughTheCABundleVariable
     // A throw-away CA and a certificate for 127.0.0.1 signed by it.
     const std::string dir = temporaryPath("ca"), ca = dir + "/ca.pem";
     const std::string ec = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1 ";
-    ASSERT_EQ(std::system(("(mkdir " + dir + " && cd " + dir + " && " + ec + "-subj /CN=ca -keyout ca.key -out ca.pem && " +
-                           ec + "-subj /CN=gw -addext subjectAltName=IP:127.0.0.1 -CA ca.pem -CAkey ca.key " +
-                           "-keyout gw.key -out gw.pem) >/dev/null 2>&1")
-                              .c_str()),
-              0);
+    const std::string make = "mkdir " + dir + " && cd " + dir + " && " + ec + "-subj /CN=ca -keyout ca.key " +
+                             "-out ca.pem && " + ec + "-subj /CN=gw -addext subjectAltName=IP:127.0.0.1 -CA ca.pem " +
+                             "-CAkey ca.key -keyout gw.key -out gw.pem";
+    ASSERT_EQ(std::system(("(" + make + ") >/dev/null 2>&1").c_str()), 0);
     httplib::SSLServer https((dir + "/gw.pem").c_str(), (dir + "/gw.key").c_str());
     https.Post("/v1/toolcall", [](const httplib::Request&, httplib::Response& answer) {
         answer.set_content(TestGateway::allowBody(), "application/json");

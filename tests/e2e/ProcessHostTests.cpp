@@ -48,13 +48,14 @@ TEST(ProcessHostTests, ExitStatusIsTheServersOwn) {
     EXPECT_EQ(startWithScript({"--kill", "9"})->waitExit(), (ExitStatus{9, 0}));
     EXPECT_EQ(startWithScript({"--kill", "15"})->waitExitCode(), 15);
     // An ignored SIGCHLD stays ignored across exec; bash (unlike dash) hands that on to the bridge.
-    EXPECT_EQ(startFromBash("trap '' CHLD; exec " + runBridgeWords, bridgeArgs(downGateway(), {"--exit", "3"}))->waitExitCode(), 3);
+    const auto exitThree = bridgeArgs(downGateway(), {"--exit", "3"});
+    EXPECT_EQ(startFromBash("trap '' CHLD; exec " + runBridgeWords, exitThree)->waitExitCode(), 3);
 }
 
 TEST(ProcessHostTests, RunsWhenStartedWithClosedInputAndOutput) {
     // A closed input is an input that has ended; the server sees the end and exits.
-    auto bridge = startFromBash("exec 0<&- 1>&-; exec " + runBridgeWords,
-                                bridgeArgs(downGateway(), {"--serve", "--stdout", "lost\n", "--stderr", "kept", "--exit", "6"}));
+    const auto script = bridgeArgs(downGateway(), {"--serve", "--stdout", "lost\n", "--stderr", "kept", "--exit", "6"});
+    auto bridge = startFromBash("exec 0<&- 1>&-; exec " + runBridgeWords, script);
     EXPECT_EQ(bridge->waitExitCode(), 6);
     EXPECT_TRUE(bridge->errors().waitForEnd(defaultTimeout));
     EXPECT_EQ(bridge->errors().text(), "kept");

@@ -102,7 +102,8 @@ TEST(CommandLineTests, FillsEveryFieldAndKeepsTheLastOccurrence) {
     EXPECT_EQ(defaults.caBundle, std::nullopt);
     Env sslCertFile = withGateway;
     sslCertFile["SSL_CERT_FILE"] = "/ca/ssl.pem";
-    EXPECT_EQ(configOf({"--worker-name", "w", "--", "srv"}, sslCertFile).caBundle, std::optional<std::string>("/ca/ssl.pem"));
+    EXPECT_EQ(configOf({"--worker-name", "w", "--", "srv"}, sslCertFile).caBundle,
+              std::optional<std::string>("/ca/ssl.pem"));
 }
 
 TEST(CommandLineTests, OptionValuesAreTakenWhateverTheyLookLike) {
