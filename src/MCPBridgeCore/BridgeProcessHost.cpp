@@ -1,5 +1,6 @@
 #include "MCPBridgeCore/BridgeProcessHost.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -7,6 +8,7 @@
 #include <cstring>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -15,7 +17,8 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,13 +35,19 @@ namespace {
 constexpr int commandLineErrorStatus = 64;
 constexpr int launchFailedStatus = 69;
 constexpr const char* envExecutable = "/usr/bin/env";
-// After the server has exited, how long its last output may take to reach the client.
-constexpr std::chrono::seconds drainLimit{2};
+// After the server has exited, its output is relayed until it ends, or until it has given no byte
+// for this long while we waited for one (a descendant of the server may hold the pipe open).
+constexpr std::chrono::seconds drainSilence{2};
+// After the end of the client's input: the server's grace before SIGTERM, and again before SIGKILL.
+constexpr std::chrono::seconds stopGrace{5};
+// The status of a child that could not execute the server (only its parent ever sees it).
+constexpr int childLaunchFailed = 127;
 // Larger pipes let big messages cross in fewer wake-ups; the kernel may refuse, which is fine.
 constexpr int serverPipeSize = 1024 * 1024;
 
-// Writes every byte, retrying interrupted and partial writes; any other error drops the rest.
-void writeAll(int fd, const char* data, std::size_t size) {
+// Writes every byte, retrying interrupted and partial writes; any other error drops the rest
+// and gives false.
+bool writeAll(int fd, const char* data, std::size_t size) {
     while (size > 0) {
         const ssize_t written = ::write(fd, data, size);
         if (written > 0) {
@@ -52,11 +61,12 @@ void writeAll(int fd, const char* data, std::size_t size) {
             pollfd writable{fd, POLLOUT, 0};
             if (::poll(&writable, 1, -1) >= 0 || errno == EINTR) continue;
         }
-        return;
+        return false;
     }
+    return true;
 }
 
-void writeAll(int fd, std::string_view bytes) { writeAll(fd, bytes.data(), bytes.size()); }
+bool writeAll(int fd, std::string_view bytes) { return writeAll(fd, bytes.data(), bytes.size()); }
 
 void closeQuietly(int& fd) {
     if (fd >= 0) ::close(fd);
@@ -138,41 +148,97 @@ struct ServerPipes {
     }
 };
 
-// Starts "/usr/bin/env" with the server's words, our environment as it is, and the pipes as
-// its standard streams. Returns 0 or the error number of the failed launch.
-int spawnServer(const std::vector<std::string>& serverArgv, const ServerPipes& pipes, pid_t& pid) {
+sigset_t forwardedSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGHUP);
+    return signals;
+}
+
+// Everything the child needs, prepared before the fork: after it only async-signal-safe calls
+// are allowed (other threads may hold the allocator's locks).
+struct ServerLaunch {
     std::vector<char*> argv;
-    argv.reserve(serverArgv.size() + 2);
-    argv.push_back(const_cast<char*>(envExecutable));
-    for (const std::string& word : serverArgv) argv.push_back(const_cast<char*>(word.c_str()));
-    argv.push_back(nullptr);
+    int input = -1;
+    int output = -1;
+    int error = -1;
+    int report = -1; // the child writes its errno here when it cannot execute the server
+    pid_t parent = -1;
+    sigset_t noSignals;
+};
 
-    posix_spawn_file_actions_t actions;
-    if (const int error = posix_spawn_file_actions_init(&actions); error != 0) return error;
-    posix_spawnattr_t attributes;
-    if (const int error = posix_spawnattr_init(&attributes); error != 0) {
-        posix_spawn_file_actions_destroy(&actions);
-        return error;
+[[noreturn]] void childFailed(int report) noexcept {
+    const int error = errno;
+    [[maybe_unused]] const ssize_t ignored = ::write(report, &error, sizeof error);
+    ::_exit(childLaunchFailed);
+}
+
+// In the forked child: the pipes become the standard streams, nothing else is inherited, the
+// bridge's death sends SIGTERM, and the signal state is the default one before the server runs.
+[[noreturn]] void becomeServer(const ServerLaunch& launch) noexcept {
+    if (::dup2(launch.input, STDIN_FILENO) < 0 || ::dup2(launch.output, STDOUT_FILENO) < 0 ||
+        ::dup2(launch.error, STDERR_FILENO) < 0) {
+        childFailed(launch.report);
     }
+    // The report pipe moves to 3 (closed by the exec itself); every other descriptor goes now.
+    int report = launch.report;
+    if (report != 3) {
+        if (::dup2(report, 3) < 0 || ::fcntl(3, F_SETFD, FD_CLOEXEC) < 0) childFailed(report);
+        report = 3;
+    }
+    ::closefrom(4);
+    struct sigaction defaultAction = {};
+    defaultAction.sa_handler = SIG_DFL;
+    ::sigaction(SIGPIPE, &defaultAction, nullptr); // the bridge ignores it, the server must not
+    if (::prctl(PR_SET_PDEATHSIG, SIGTERM) != 0) childFailed(report);
+    // A bridge that died before prctl sends nothing: then the server is not started at all.
+    if (::getppid() != launch.parent) ::_exit(childLaunchFailed);
+    ::sigprocmask(SIG_SETMASK, &launch.noSignals, nullptr);
+    ::execve(envExecutable, launch.argv.data(), environ);
+    childFailed(report);
+}
 
-    // The bridge ignores SIGPIPE; the server gets the default back, and a clean signal mask.
-    sigset_t defaultSignals;
-    sigemptyset(&defaultSignals);
-    sigaddset(&defaultSignals, SIGPIPE);
-    sigset_t noBlockedSignals;
-    sigemptyset(&noBlockedSignals);
+// Starts "/usr/bin/env" with the server's words, our environment as it is, and the pipes as
+// its standard streams. Returns 0 or the error number of the failed launch. Must run on the
+// thread that lives as long as the run: the parent-death signal follows the forking thread.
+int launchServer(const std::vector<std::string>& serverArgv, const ServerPipes& pipes, pid_t& pid) {
+    PipePair report;
+    if (const int error = report.open(); error != 0) return error;
 
-    int error = posix_spawn_file_actions_adddup2(&actions, pipes.input.readEnd, STDIN_FILENO);
-    if (error == 0) error = posix_spawn_file_actions_adddup2(&actions, pipes.output.writeEnd, STDOUT_FILENO);
-    if (error == 0) error = posix_spawn_file_actions_adddup2(&actions, pipes.error.writeEnd, STDERR_FILENO);
-    if (error == 0) error = posix_spawnattr_setsigdefault(&attributes, &defaultSignals);
-    if (error == 0) error = posix_spawnattr_setsigmask(&attributes, &noBlockedSignals);
-    if (error == 0) error = posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-    if (error == 0) error = posix_spawn(&pid, envExecutable, &actions, &attributes, argv.data(), environ);
+    ServerLaunch launch;
+    launch.argv.reserve(serverArgv.size() + 2);
+    launch.argv.push_back(const_cast<char*>(envExecutable));
+    for (const std::string& word : serverArgv) launch.argv.push_back(const_cast<char*>(word.c_str()));
+    launch.argv.push_back(nullptr);
+    launch.input = pipes.input.readEnd;
+    launch.output = pipes.output.writeEnd;
+    launch.error = pipes.error.writeEnd;
+    launch.report = report.writeEnd;
+    launch.parent = ::getpid();
+    sigemptyset(&launch.noSignals);
 
-    posix_spawnattr_destroy(&attributes);
-    posix_spawn_file_actions_destroy(&actions);
-    return error;
+    pid = ::fork();
+    if (pid == 0) becomeServer(launch);
+    const int forkError = errno;
+    closeQuietly(report.writeEnd);
+    if (pid < 0) {
+        report.closeBoth();
+        return forkError;
+    }
+    // The report pipe closes at the exec: no bytes means the server's program is running.
+    int childError = 0;
+    ssize_t count;
+    do {
+        count = ::read(report.readEnd, &childError, sizeof childError);
+    } while (count < 0 && errno == EINTR);
+    report.closeBoth();
+    if (count != static_cast<ssize_t>(sizeof childError)) return 0;
+    int ignored = 0;
+    while (::waitpid(pid, &ignored, 0) < 0 && errno == EINTR) {
+    }
+    return childError != 0 ? childError : EIO;
 }
 
 bool startDetached(std::function<void()> work) {
@@ -187,27 +253,50 @@ bool startDetached(std::function<void()> work) {
 // What one run shares with its threads. The threads hold it, so it outlives run() when a pump
 // is still blocked in a read (the process then ends with _exit).
 struct RunState {
+    using Clock = std::chrono::steady_clock;
+
     explicit RunState(HostStreams streams) : streams(streams) {}
 
     const HostStreams streams;
 
     std::mutex clientWriteLock;
+    bool runOver = false; // under clientWriteLock: nothing more is written to the client
+    std::atomic<bool> clientGone{false}; // a write to the client failed: it has closed its end
     std::mutex serverWriteLock;
     int serverInput = -1; // under serverWriteLock; -1 once closed
 
     std::atomic<bool> errorPassThroughRemoved{false};
 
+    // The child may be signalled until it is reaped, never after: its pid could be someone else's.
+    std::mutex childLock;
+    pid_t childPid = -1;
+    bool childReaped = false;
+
     std::mutex progressLock;
     std::condition_variable progressChanged;
     int completions = 0; // the completion semaphore: the child ended, its output ended, or our input ended
     bool childExited = false;
+    Clock::time_point childExitedAt;
     int childStatus = 0;
+    bool stopAsked = false; // a signal came after the server had exited: stop relaying
     bool serverOutputEnded = false;
     bool errorOutputEnded = false;
+    // Since when the server-output pump has been waiting for bytes; empty while it is busy
+    // handing them on (a slow client must not count as a silent server).
+    std::optional<Clock::time_point> serverOutputWaitingSince;
+    // When the error copy last read bytes. Its writes count as silence: error output that nobody
+    // reads must not hold the bridge after the server's exit.
+    Clock::time_point errorOutputReadAt{};
 
     void writeToClient(std::string_view bytes) {
-        std::lock_guard lock(clientWriteLock);
-        writeAll(streams.clientOutput, bytes);
+        bool failed = false;
+        {
+            std::lock_guard lock(clientWriteLock);
+            if (runOver || clientGone.load(std::memory_order_relaxed)) return;
+            failed = !writeAll(streams.clientOutput, bytes);
+            if (failed) clientGone.store(true, std::memory_order_relaxed);
+        }
+        if (failed) update([](RunState&) {}, false); // a drain waiting for the client can stop
     }
 
     void writeToServer(std::string_view bytes) {
@@ -221,6 +310,14 @@ struct RunState {
         closeQuietly(serverInput);
     }
 
+    // False when there is no child to signal any more.
+    bool signalChild(int number) {
+        std::lock_guard lock(childLock);
+        if (childPid <= 0 || childReaped) return false;
+        ::kill(childPid, number);
+        return true;
+    }
+
     void update(const std::function<void(RunState&)>& change, bool completes) {
         {
             std::lock_guard lock(progressLock);
@@ -229,12 +326,69 @@ struct RunState {
         }
         progressChanged.notify_all();
     }
+
+    // Reaps the child once it has ended; the pid stays signallable up to that moment.
+    void awaitChild(pid_t pid) {
+        siginfo_t info{};
+        while (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
+        }
+        {
+            std::lock_guard lock(childLock);
+            childReaped = true;
+        }
+        const int status = waitForChild(pid);
+        update(
+            [status](RunState& s) {
+                s.childExited = true;
+                s.childExitedAt = Clock::now();
+                s.childStatus = status;
+            },
+            true);
+    }
+
+    // After the end of the client's input the server should exit on its own; if it does not,
+    // SIGTERM and then SIGKILL, as MCP clients stop a stdio server.
+    void stopServerUnlessItExits() {
+        for (const int number : {SIGTERM, SIGKILL}) {
+            {
+                std::unique_lock lock(progressLock);
+                if (progressChanged.wait_for(lock, stopGrace, [this] { return childExited; })) return;
+            }
+            signalChild(number);
+        }
+    }
+
+    // Waits until the server's output has reached the client whole: its end, a client that has
+    // gone, or a silence of drainSilence while waiting for bytes (counted from the server's exit
+    // at the earliest, so that its last bytes are never taken for silence); and until its error
+    // output has ended or been silent as long.
+    void drainServerOutput(std::unique_lock<std::mutex>& lock) {
+        for (;;) {
+            const auto now = Clock::now();
+            auto silentUntil = [&](const std::optional<Clock::time_point>& since) {
+                return since ? std::max(*since, childExitedAt) + drainSilence : Clock::time_point::max();
+            };
+            const bool outputDone = serverOutputEnded || clientGone.load(std::memory_order_relaxed) || stopAsked ||
+                                    silentUntil(serverOutputWaitingSince) <= now;
+            const bool errorsDone = errorOutputEnded || stopAsked || silentUntil(errorOutputReadAt) <= now;
+            if (outputDone && errorsDone) return;
+            // A pump busy writing is woken up for when it waits again (update notifies).
+            const auto wake = std::min(outputDone ? Clock::time_point::max() : silentUntil(serverOutputWaitingSince),
+                                       errorsDone ? Clock::time_point::max() : silentUntil(errorOutputReadAt));
+            if (wake == Clock::time_point::max()) {
+                progressChanged.wait(lock);
+            } else {
+                progressChanged.wait_until(lock, wake);
+            }
+        }
+    }
 };
 
 void copyErrorOutput(RunState& state, int errorReadEnd) {
     std::vector<char> buffer(64 * 1024);
     for (;;) {
         const ssize_t count = ::read(errorReadEnd, buffer.data(), buffer.size());
+        state.update([](RunState& s) { s.errorOutputReadAt = RunState::Clock::now(); }, false);
         if (count < 0 && errno == EINTR) continue;
         if (count <= 0) break;
         if (!state.errorPassThroughRemoved.load(std::memory_order_relaxed)) {
@@ -251,11 +405,17 @@ BridgeProcessHost::BridgeProcessHost(BridgeConfig config, std::shared_ptr<Bridge
                                      HostStreams streams)
     : config_(std::move(config)), gateway_(std::move(gateway)), streams_(streams) {}
 
+void BridgeProcessHost::blockForwardedSignals() {
+    const sigset_t signals = forwardedSignals();
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
 int BridgeProcessHost::run() {
     if (config_.serverArgv.empty()) {
         writeAll(streams_.errorOutput, "sentrova-mcp-bridge: no server command after --\n");
         return commandLineErrorStatus;
     }
+    blockForwardedSignals();
 
     const std::string& program = config_.serverArgv.front();
     auto launchFailed = [&](int error) {
@@ -281,24 +441,16 @@ int BridgeProcessHost::run() {
         [state](std::string_view bytes) { state->writeToServer(bytes); }, gateway_, scheduler);
 
     pid_t pid = -1;
-    if (const int error = spawnServer(config_.serverArgv, pipes, pid); error != 0) {
+    if (const int error = launchServer(config_.serverArgv, pipes, pid); error != 0) {
         pipes.closeAll();
         state->serverInput = -1;
         return launchFailed(error);
     }
     pipes.closeChildEnds();
+    state->childPid = pid; // before any thread that signals it
 
     // The child's end: reaping it is the termination signal of the run.
-    const bool waiterStarted = startDetached([state, pid] {
-        const int status = waitForChild(pid);
-        state->update(
-            [status](RunState& s) {
-                s.childExited = true;
-                s.childStatus = status;
-            },
-            true);
-    });
-    if (!waiterStarted) {
+    if (!startDetached([state, pid] { state->awaitChild(pid); })) {
         // Without threads nothing can be relayed: let the server see the end of its input.
         state->closeServerInput();
         closeQuietly(pipes.output.readEnd);
@@ -306,13 +458,36 @@ int BridgeProcessHost::run() {
         return waitForChild(pid);
     }
 
+    // Signals to the bridge are the server's: it decides when the run ends. Once it has exited,
+    // a signal ends the relay of its last output instead (at a line's end).
+    startDetached([state] {
+        const sigset_t signals = forwardedSignals();
+        for (;;) {
+            int received = 0;
+            if (::sigwait(&signals, &received) != 0 || state->signalChild(received)) continue;
+            state->update([](RunState& s) { s.stopAsked = true; }, false);
+        }
+    });
+
     const int errorReadEnd = pipes.error.readEnd;
     const bool errorCopyStarted = startDetached([state, errorReadEnd] { copyErrorOutput(*state, errorReadEnd); });
 
     const int outputReadEnd = pipes.output.readEnd;
     const bool serverPumpStarted = startDetached([state, router, outputReadEnd] {
-        pumpLines(outputReadEnd,
-                  [&router](std::string line, bool more) { router->handleServerLine(std::move(line), more); });
+        pumpLines(
+            outputReadEnd,
+            [&router](std::string line, bool more) { router->handleServerLine(std::move(line), more); },
+            [&state](bool reading) {
+                state->update(
+                    [reading](RunState& s) {
+                        if (reading) {
+                            s.serverOutputWaitingSince = RunState::Clock::now();
+                        } else {
+                            s.serverOutputWaitingSince.reset();
+                        }
+                    },
+                    false);
+            });
         ::close(outputReadEnd);
         state->update([](RunState& s) { s.serverOutputEnded = true; }, true);
     });
@@ -321,10 +496,12 @@ int BridgeProcessHost::run() {
     const bool clientPumpStarted = startDetached([state, router, clientInput] {
         pumpLines(clientInput,
                   [&router](std::string line, bool more) { router->handleClientLine(std::move(line), more); });
-        // Calls still waiting for their verdict are settled first: an allowed one still reaches the server.
+        // Calls still waiting for their verdict are settled first: an allowed one still reaches
+        // the server, and only then may the server read the end of its input.
         router->finishPendingDecisions();
         state->closeServerInput();
         state->update([](RunState&) {}, true);
+        state->stopServerUnlessItExits();
     });
 
     if (!errorCopyStarted || !serverPumpStarted || !clientPumpStarted) {
@@ -340,15 +517,19 @@ int BridgeProcessHost::run() {
         if (!serverPumpStarted) closeQuietly(pipes.output.readEnd);
     }
 
-    std::unique_lock lock(state->progressLock);
-    state->progressChanged.wait(lock, [&] { return state->completions > 0; });
-    state->progressChanged.wait(lock, [&] { return state->childExited; });
-    // Lines and error bytes the server wrote just before it exited still go out; a grandchild
-    // that keeps the pipes open cannot hold the run beyond the limit.
-    state->progressChanged.wait_for(lock, drainLimit,
-                                    [&] { return state->serverOutputEnded && state->errorOutputEnded; });
+    int status = 0;
+    {
+        std::unique_lock lock(state->progressLock);
+        state->progressChanged.wait(lock, [&] { return state->completions > 0; });
+        state->progressChanged.wait(lock, [&] { return state->childExited; });
+        state->drainServerOutput(lock);
+        status = state->childStatus;
+    }
     state->errorPassThroughRemoved.store(true, std::memory_order_relaxed);
-    return state->childStatus;
+    // Waits for a write in progress, so that no line is cut; nothing is written after it.
+    std::lock_guard lock(state->clientWriteLock);
+    state->runOver = true;
+    return status;
 }
 
 } // namespace sentrova

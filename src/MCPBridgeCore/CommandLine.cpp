@@ -100,6 +100,8 @@ std::variant<BridgeConfig, CommandLineError> parseCommandLine(const std::vector<
     config.serverArgv = std::move(serverArgv);
     config.deadline = deadline;
     config.heartbeatInterval = heartbeat;
+    config.caBundle = lookup(env, "CURL_CA_BUNDLE");
+    if (!config.caBundle) config.caBundle = lookup(env, "SSL_CERT_FILE");
     return config;
 }
 

@@ -214,6 +214,7 @@ struct HTTPBridgeGatewayClient::Session {
     bool sendable = false;
     TimeLimits limits;
     std::optional<std::string> token;
+    std::optional<std::string> caBundle;
     CurlLoader loadCurl;
     std::once_flag startOnce;
 
@@ -231,10 +232,11 @@ struct HTTPBridgeGatewayClient::Session {
     bool stopping = false;
     std::thread worker;
 
-    Session(const std::string& baseURL, std::optional<std::string> bearer, double deadline, CurlLoader loader)
+    Session(const std::string& baseURL, std::optional<std::string> bearer, double deadline, CurlLoader loader,
+            std::optional<std::string> caFile)
         : decisionURL(HTTPBridgeGatewayClient::resolve(baseURL, decisionPath)),
           eventURL(HTTPBridgeGatewayClient::resolve(baseURL, eventPath)), limits(deadline),
-          token(std::move(bearer)), loadCurl(loader) {
+          token(std::move(bearer)), caBundle(std::move(caFile)), loadCurl(loader) {
         // Unsendable: every request fails at once, and neither libcurl nor a thread is ever needed.
         sendable = decisionURL && sendableOverHTTP(*decisionURL) && usableAsHeaderValue(token);
     }
@@ -368,7 +370,8 @@ struct HTTPBridgeGatewayClient::Session {
                   set(easy, CURLOPT_TIMEOUT_MS, transfer.timeoutMs) == CURLE_OK &&
                   set(easy, CURLOPT_WRITEFUNCTION, writer) == CURLE_OK &&
                   set(easy, CURLOPT_WRITEDATA, &transfer) == CURLE_OK &&
-                  set(easy, CURLOPT_PRIVATE, &transfer) == CURLE_OK;
+                  set(easy, CURLOPT_PRIVATE, &transfer) == CURLE_OK &&
+                  (!caBundle || set(easy, CURLOPT_CAINFO, caBundle->c_str()) == CURLE_OK);
         return ok && curl->multiAddHandle(multi, easy) == CURLM_OK;
     }
 
@@ -470,13 +473,15 @@ struct HTTPBridgeGatewayClient::Session {
 // ---- the client -------------------------------------------------------------------------------
 
 HTTPBridgeGatewayClient::HTTPBridgeGatewayClient(std::string baseURL, std::optional<std::string> token,
-                                                 double deadline)
-    : HTTPBridgeGatewayClient(std::move(baseURL), std::move(token), deadline, &CurlLibrary::shared) {}
+                                                 double deadline, std::optional<std::string> caBundle)
+    : HTTPBridgeGatewayClient(std::move(baseURL), std::move(token), deadline, &CurlLibrary::shared,
+                              std::move(caBundle)) {}
 
 HTTPBridgeGatewayClient::HTTPBridgeGatewayClient(std::string baseURL, std::optional<std::string> token,
-                                                 double deadline, CurlLoader loadCurl)
+                                                 double deadline, CurlLoader loadCurl,
+                                                 std::optional<std::string> caBundle)
     : baseURL_(std::move(baseURL)), token_(std::move(token)), deadline_(deadline),
-      session_(std::make_unique<Session>(baseURL_, token_, deadline_, loadCurl)) {}
+      session_(std::make_unique<Session>(baseURL_, token_, deadline_, loadCurl, std::move(caBundle))) {}
 
 HTTPBridgeGatewayClient::~HTTPBridgeGatewayClient() = default;
 

@@ -16,12 +16,14 @@ struct CurlLibrary;
 
 class HTTPBridgeGatewayClient final : public BridgeGatewayClient {
 public:
-    HTTPBridgeGatewayClient(std::string baseURL, std::optional<std::string> token, double deadline);
+    // caBundle: a file of CA certificates used for TLS in place of libcurl's default bundle.
+    HTTPBridgeGatewayClient(std::string baseURL, std::optional<std::string> token, double deadline,
+                            std::optional<std::string> caBundle = std::nullopt);
     // Where libcurl comes from: called once, on the first request. Null means libcurl cannot be
     // had, and then every decision is denied as unanswered and every event is dropped.
     using CurlLoader = const CurlLibrary* (*)();
     HTTPBridgeGatewayClient(std::string baseURL, std::optional<std::string> token, double deadline,
-                            CurlLoader loadCurl);
+                            CurlLoader loadCurl, std::optional<std::string> caBundle = std::nullopt);
     ~HTTPBridgeGatewayClient() override;
     HTTPBridgeGatewayClient(const HTTPBridgeGatewayClient&) = delete;
     HTTPBridgeGatewayClient& operator=(const HTTPBridgeGatewayClient&) = delete;

@@ -128,11 +128,13 @@ std::size_t readSome(int fd, char* into, std::size_t capacity) {
 
 } // namespace
 
-void pumpLines(int fd, const LineSink& sink) {
+void pumpLines(int fd, const LineSink& sink, const ReadWatcher& watchReads) {
     PumpBuffer buffer;
     for (;;) {
         buffer.reserveTail();
+        if (watchReads) watchReads(true);
         const std::size_t count = readSome(fd, buffer.tail(), buffer.tailSize());
+        if (watchReads) watchReads(false);
         if (count == 0) break;
         buffer.appended(count);
         buffer.deliverLines(sink);

@@ -51,6 +51,8 @@ void occupyClosedStandardStreams() {
 } // namespace
 
 int main(int argc, char** argv) {
+    // Before any thread exists, so that every thread has them blocked and one takes them.
+    sentrova::BridgeProcessHost::blockForwardedSignals();
     occupyClosedStandardStreams();
     const std::map<std::string, std::string> env = copyEnvironment();
     const std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
@@ -64,8 +66,8 @@ int main(int argc, char** argv) {
     // An ignored SIGCHLD inherited from our parent would reap the server before we learn its status.
     std::signal(SIGCHLD, SIG_DFL);
 
-    auto gateway =
-        std::make_shared<sentrova::HTTPBridgeGatewayClient>(config.gatewayURL, config.gatewayToken, config.deadline);
+    auto gateway = std::make_shared<sentrova::HTTPBridgeGatewayClient>(config.gatewayURL, config.gatewayToken,
+                                                                        config.deadline, config.caBundle);
     sentrova::BridgeProcessHost host(config, gateway);
     const int status = host.run();
     // Pumps may still be blocked in read; ending here skips every destructor that could race them.

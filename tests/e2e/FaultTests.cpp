@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -22,6 +23,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <httplib.h>
 
 #include "BridgeHarness.hpp"
 #include "MCPBridgeCore/Json.hpp"
@@ -439,6 +442,43 @@ TEST(FaultTests, ClientClosingItsInputWhileAnApprovalIsPending) {
         EXPECT_NE(bridge->output().text().find("done"), std::string::npos);
         expectWholeMessages(bridge->output().text());
     }
+}
+
+TEST(FaultTests, AGatewayBehindAPrivateCAIsTrustedOnlyThroughTheCABundleVariables) {
+    // A throw-away CA and a certificate for 127.0.0.1 signed by it.
+    const std::string dir = temporaryPath("ca"), ca = dir + "/ca.pem";
+    const std::string ec = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1 ";
+    const std::string make = "mkdir " + dir + " && cd " + dir + " && " + ec + "-subj /CN=ca -keyout ca.key " +
+                             "-out ca.pem && " + ec + "-subj /CN=gw -addext subjectAltName=IP:127.0.0.1 -CA ca.pem " +
+                             "-CAkey ca.key -keyout gw.key -out gw.pem";
+    ASSERT_EQ(std::system(("(" + make + ") >/dev/null 2>&1").c_str()), 0);
+    httplib::SSLServer https((dir + "/gw.pem").c_str(), (dir + "/gw.key").c_str());
+    https.Post("/v1/toolcall", [](const httplib::Request&, httplib::Response& answer) {
+        answer.set_content(TestGateway::allowBody(), "application/json");
+    });
+    const std::string origin = "https://127.0.0.1:" + std::to_string(https.bind_to_any_port("127.0.0.1"));
+    std::thread serving([&] { https.listen_after_bind(); });
+
+    const std::vector<std::pair<Environment, bool>> rows = {
+        {{}, false},
+        {{{"CURL_CA_BUNDLE", ca}}, true},
+        {{{"SSL_CERT_FILE", ca}}, true},
+        {{{"CURL_CA_BUNDLE", "/etc/ssl/certs/ca-certificates.crt"}, {"SSL_CERT_FILE", ca}}, false},
+    };
+    for (const auto& [variables, trusted] : rows) {
+        SCOPED_TRACE(::testing::PrintToString(variables));
+        Environment env = testEnvironment();
+        env.erase("CURL_CA_BUNDLE");
+        env.erase("SSL_CERT_FILE");
+        env.insert(variables.begin(), variables.end());
+        auto bridge = ChildProcess::startBridge(bridgeArgs(origin, {"--call-text", "through", "--serve"}), env);
+        ASSERT_TRUE(bridge->writeLine(callLine(1)));
+        EXPECT_NE(bridge->readLine().value_or("").find(trusted ? "through" : "(fail-closed)"), std::string::npos);
+        bridge->closeInput();
+        EXPECT_EQ(bridge->waitExitCode(), 0);
+    }
+    https.stop();
+    serving.join();
 }
 
 TEST(FaultTests, ManyCallsInARowLeaveNoThreadDescriptorOrMemoryGrowth) {

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
+#include <filesystem>
 #include <thread>
 
 #include "BridgeHarness.hpp"
@@ -23,10 +25,11 @@ std::unique_ptr<ChildProcess> startWithScript(const std::vector<std::string>& sc
     return bridge;
 }
 
-// Starts the bridge from bash after the shell command prefix has changed what it inherits.
-std::unique_ptr<ChildProcess> startFromBash(const std::string& prefix, const std::vector<std::string>& script) {
-    std::vector<std::string> args = {"-c", prefix + "; exec \"$0\" \"$@\"", bridgePath()};
-    for (const auto& word : bridgeArgs(downGateway(), script)) args.push_back(word);
+// Starts the bridge with bridgeWords from a bash command, in which "$0" "$@" runs the bridge.
+const std::string runBridgeWords = "\"$0\" \"$@\"";
+std::unique_ptr<ChildProcess> startFromBash(const std::string& command, const std::vector<std::string>& bridgeWords) {
+    std::vector<std::string> args = {"-c", command, bridgePath()};
+    args.insert(args.end(), bridgeWords.begin(), bridgeWords.end());
     auto bridge = ChildProcess::start("/bin/bash", args, testEnvironment());
     EXPECT_NE(bridge, nullptr);
     return bridge;
@@ -45,12 +48,14 @@ TEST(ProcessHostTests, ExitStatusIsTheServersOwn) {
     EXPECT_EQ(startWithScript({"--kill", "9"})->waitExit(), (ExitStatus{9, 0}));
     EXPECT_EQ(startWithScript({"--kill", "15"})->waitExitCode(), 15);
     // An ignored SIGCHLD stays ignored across exec; bash (unlike dash) hands that on to the bridge.
-    EXPECT_EQ(startFromBash("trap '' CHLD", {"--exit", "3"})->waitExitCode(), 3);
+    const auto exitThree = bridgeArgs(downGateway(), {"--exit", "3"});
+    EXPECT_EQ(startFromBash("trap '' CHLD; exec " + runBridgeWords, exitThree)->waitExitCode(), 3);
 }
 
 TEST(ProcessHostTests, RunsWhenStartedWithClosedInputAndOutput) {
     // A closed input is an input that has ended; the server sees the end and exits.
-    auto bridge = startFromBash("exec 0<&- 1>&-", {"--serve", "--stdout", "lost\n", "--stderr", "kept", "--exit", "6"});
+    const auto script = bridgeArgs(downGateway(), {"--serve", "--stdout", "lost\n", "--stderr", "kept", "--exit", "6"});
+    auto bridge = startFromBash("exec 0<&- 1>&-; exec " + runBridgeWords, script);
     EXPECT_EQ(bridge->waitExitCode(), 6);
     EXPECT_TRUE(bridge->errors().waitForEnd(defaultTimeout));
     EXPECT_EQ(bridge->errors().text(), "kept");
@@ -109,6 +114,59 @@ TEST(ProcessHostTests, ClientClosingItsInputEndsTheRunWithTheServersStatus) {
     EXPECT_FALSE(bridge->waitExit(std::chrono::milliseconds(500)).has_value());
     bridge->closeInput();
     EXPECT_EQ(bridge->waitExitCode(), 4);
+}
+
+TEST(ProcessHostTests, TheServerGetsTheBridgesSignalsAndNeverOutlivesIt) {
+    const std::string sleeper = "echo $$; exec sleep 1000"; // deaf to its input
+    const std::string stubborn = "trap '' TERM; " + sleeper;
+    struct Row {
+        int signal; // 0: the client closes the bridge's input
+        std::string server;
+        ExitStatus bridge;
+        double seconds; // at least this long until the bridge exits
+    };
+    const std::vector<Row> rows = {
+        {SIGTERM, sleeper, {SIGTERM, 0}, 0}, {SIGINT, sleeper, {SIGINT, 0}, 0}, {SIGHUP, sleeper, {SIGHUP, 0}, 0},
+        {SIGKILL, sleeper, {-1, SIGKILL}, 0}, // the server gets its parent-death signal
+        {0, sleeper, {SIGTERM, 0}, 5},        // 5 s after the end of its input, SIGTERM
+        {0, stubborn, {SIGKILL, 0}, 10},      // and SIGKILL 5 s later
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.server + ", signal " + std::to_string(row.signal));
+        auto bridge = startFromBash("exec 7</dev/null; exec " + runBridgeWords,
+                                    {"--gateway", downGateway(), "--worker-name", "w", "--", "sh", "-c", row.server});
+        const std::string server = "/proc/" + bridge->readLine().value_or("no pid");
+        std::error_code closed; // sleep opens and closes locale files as it starts
+        for (const auto& fd : std::filesystem::directory_iterator(server + "/fd", closed)) {
+            const std::string name = fd.path().filename(), target = std::filesystem::read_symlink(fd, closed);
+            // Neither descriptor 7 nor any pipe of the bridge's own gets through.
+            EXPECT_TRUE((name.size() == 1 && name < "3") || (name != "7" && !target.starts_with("pipe:")))
+                << name << " -> " << target;
+        }
+
+        const auto started = std::chrono::steady_clock::now();
+        row.signal != 0 ? (void)::kill(bridge->pid(), row.signal) : bridge->closeInput();
+        EXPECT_EQ(bridge->waitExit(), row.bridge);
+        const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+        EXPECT_GE(elapsed, row.seconds);
+        EXPECT_LT(elapsed, row.seconds + 20);
+        // Gone, or a zombie that nobody reaps.
+        auto running = [&] {
+            const std::string stat = readFile(server + "/stat");
+            return stat.size() > stat.rfind(')') + 2 && stat[stat.rfind(')') + 2] != 'Z';
+        };
+        for (int i = 0; i < 600 && running(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(running());
+    }
+}
+
+TEST(ProcessHostTests, ASlowClientGetsEveryByteTheServerWroteBeforeItExited) {
+    // The client starts reading 3 s later: long after the server has written its lines and exited.
+    const std::string line = "--write-long", size = "500000";
+    auto bridge = startFromBash(runBridgeWords + " | { sleep 3; exec cat; }; exit ${PIPESTATUS[0]}",
+                                bridgeArgs(downGateway(), {line, size, line, size, line, size, "--exit", "0"}));
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(bridge->readLine().value_or("").size(), 500'000u);
+    EXPECT_EQ(bridge->waitExitCode(), 0);
 }
 
 TEST(ProcessHostTests, LinesWrittenJustBeforeTheServerExitsAreAllDelivered) {

@@ -81,7 +81,9 @@ TEST(CommandLineTests, FillsEveryFieldAndKeepsTheLastOccurrence) {
                                     "--worker-name", "one", "--deadline", "7", "--worker-name", "two", "--gateway",
                                     "https://127.0.0.1:9/base/", "--provider", "p2", "--", "npx", "-y", "a b"},
                                    {{"SENTROVA_BRIDGE_GATEWAY", "http://env.example"},
-                                    {"SENTROVA_GATEWAY_TOKEN", "secret"}});
+                                    {"SENTROVA_GATEWAY_TOKEN", "secret"},
+                                    {"CURL_CA_BUNDLE", "/ca/curl.pem"},
+                                    {"SSL_CERT_FILE", "/ca/ssl.pem"}});
     EXPECT_EQ(config.gatewayURL, "https://127.0.0.1:9/base/");
     EXPECT_EQ(config.gatewayToken, std::optional<std::string>("secret"));
     EXPECT_EQ(config.workerName, "two");
@@ -89,6 +91,7 @@ TEST(CommandLineTests, FillsEveryFieldAndKeepsTheLastOccurrence) {
     EXPECT_EQ(config.serverArgv, (Words{"npx", "-y", "a b"}));
     EXPECT_EQ(config.deadline, 7.0);
     EXPECT_EQ(config.heartbeatInterval, 2.5);
+    EXPECT_EQ(config.caBundle, std::optional<std::string>("/ca/curl.pem"));
 
     BridgeConfig defaults = configOf({"--worker-name", "w", "--", "srv"});
     EXPECT_EQ(defaults.gatewayURL, "http://127.0.0.1:7300");
@@ -96,6 +99,11 @@ TEST(CommandLineTests, FillsEveryFieldAndKeepsTheLastOccurrence) {
     EXPECT_EQ(defaults.provider, std::nullopt);
     EXPECT_EQ(defaults.deadline, 240.0);
     EXPECT_EQ(defaults.heartbeatInterval, 15.0);
+    EXPECT_EQ(defaults.caBundle, std::nullopt);
+    Env sslCertFile = withGateway;
+    sslCertFile["SSL_CERT_FILE"] = "/ca/ssl.pem";
+    EXPECT_EQ(configOf({"--worker-name", "w", "--", "srv"}, sslCertFile).caBundle,
+              std::optional<std::string>("/ca/ssl.pem"));
 }
 
 TEST(CommandLineTests, OptionValuesAreTakenWhateverTheyLookLike) {
