@@ -403,7 +403,7 @@ TEST_F(HTTPBridgeGatewayClientTests, PostEventReturnsAtOnceAndNeverChangesADecis
     for (int i = 0; i < 50; ++i) {
         auto start = Clock::now();
         unreachable.postEvent(event);
-        EXPECT_LT(secondsSince(start), 0.005);
+        EXPECT_LT(secondsSince(start), 0.05); // generous: sanitizer builds on a busy machine
     }
 
     HttplibGateway gateway; // answers every event with 500
