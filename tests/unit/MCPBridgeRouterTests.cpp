@@ -79,6 +79,11 @@ struct FakeGateway final : BridgeGatewayClient {
         std::lock_guard<std::mutex> hold(lock);
         return index < held.size() ? held[index] : nullptr;
     }
+    // Completes a held decision, as the gateway client does: the handler is given up once used.
+    void decide(std::size_t index, BridgeDecision decision) {
+        DecisionHandler handler = std::move(heldAt(index)->onDecision);
+        handler(std::move(decision));
+    }
     void postEvent(const BridgeEvent& event) override {
         std::lock_guard<std::mutex> hold(lock);
         events.push_back(event);
@@ -350,14 +355,14 @@ TEST_F(MCPBridgeRouterTests, PendingDecisionsHoldNothingBackAndCancelledCallsNev
     EXPECT_EQ(client.all(), Lines{malformedDeny(Json::integer(1))});
     ASSERT_EQ(gateway->held.size(), 2u);
 
-    gateway->heldAt(1)->onDecision(BridgeDecision::allow());
+    gateway->decide(1, BridgeDecision::allow());
     EXPECT_EQ(server.all(), (Lines{ping + "\n", second + "\n"})) << "the later verdict is not held back";
 
     // The client gives up on call 1: its request and heartbeat stop, and no word of it goes out.
     router->handleClientLine(R"({"jsonrpc":"2.0","method":"notifications/cancelled","params":{"requestId":1}})");
     EXPECT_TRUE(gateway->heldAt(0)->cancelled);
     EXPECT_TRUE(scheduler->allCancelled());
-    gateway->heldAt(0)->onDecision(BridgeDecision::allow()); // a verdict already on its way
+    gateway->decide(0, BridgeDecision::allow()); // a verdict already on its way
     EXPECT_EQ(server.all().size(), 2u);
     EXPECT_EQ(client.all().size(), 1u);
     // A cancellation of a call the server has is the server's business.
@@ -376,10 +381,10 @@ TEST_F(MCPBridgeRouterTests, PendingDecisionsHoldNothingBackAndCancelledCallsNev
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_FALSE(started);
-    gateway->heldAt(2)->onDecision(BridgeDecision::deny("no"));
+    gateway->decide(2, BridgeDecision::deny("no"));
     while (!gateway->heldAt(2 + MCPBridgeRouter::maxPendingDecisions)) std::this_thread::yield();
     for (std::size_t i = 3; i <= 2 + MCPBridgeRouter::maxPendingDecisions; ++i) {
-        gateway->heldAt(i)->onDecision(BridgeDecision::allow());
+        gateway->decide(i, BridgeDecision::allow());
     }
     pump.join();
     EXPECT_EQ(server.all().size(), 3u + MCPBridgeRouter::maxPendingDecisions);
