@@ -74,18 +74,10 @@ public:
 
     bool sawToolCall() const noexcept { return sawToolCall_; }
 
-    // A value read out of the line; a batch counts by its elements, nested batches too.
+    // A value read out of the line; a batch counts by its elements.
     void add(const Json& value) {
         if (!value.isArray()) return addMessage(value);
-        std::vector<const Json*> pending{&value};
-        while (!pending.empty()) {
-            const Json* batch = pending.back();
-            pending.pop_back();
-            for (const Json& element : batch->arrayValue()) {
-                if (element.isArray()) pending.push_back(&element);
-                else addMessage(element);
-            }
-        }
+        for (const Json& element : value.arrayValue()) addMessage(element);
     }
 
 private:
@@ -268,14 +260,8 @@ bool looksWide(std::string_view line) noexcept {
 }
 
 bool batchCallsTool(const Json& batch) {
-    std::vector<const Json*> pending{&batch};
-    while (!pending.empty()) {
-        const Json* current = pending.back();
-        pending.pop_back();
-        for (const Json& element : current->arrayValue()) {
-            if (element.isArray()) pending.push_back(&element);
-            else if (callsTool(element)) return true;
-        }
+    for (const Json& element : batch.arrayValue()) {
+        if (callsTool(element)) return true;
     }
     return false;
 }

@@ -61,7 +61,7 @@ TEST(ClientLineReadingsTests, EachLineIsRelayedOrEveryRequestInItIsAnswered) {
         {"\xFF\xFE" + utf16le(kCall), {"call:7"}},
         // Batches holding a call under any spelling, at any place.
         {"[" + kPing + "," + kCall + "]", {"other:1", "call:7"}},
-        {"[[" + kCall + "]," + kPing + "]", {"other:1", "call:7"}},
+        {"[[" + kCall + "]," + kPing + "]", {"relay"}}, // a nested batch is no message to anyone
         {R"([{"jsonrpc":"2.0","id":"b","METHOD":"tools/call","params":{"name":"rm"}}])", {"call:\"b\""}},
         // Lenient readers: from the first "{", unquoted names and words.
         {"x" + kCall, {"call:7"}},
