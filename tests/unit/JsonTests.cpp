@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <cmath>
 #include <cstdint>
@@ -148,6 +149,16 @@ TEST(JsonReaderTests, ReadsNumbersOfAnySize) {
     EXPECT_EQ(readElement("-Infinity"), Json::real(-std::numeric_limits<double>::infinity()));
     EXPECT_TRUE(std::isnan(readElement("NaN").realValue()));
     EXPECT_EQ(readElement("NaN").type(), Json::Type::real);
+}
+
+TEST(JsonReaderTests, ALineOfOpeningBracketsCostsNoMemoryPerBracket) {
+    const std::string line(20'000'000, '[');
+    rusage before{};
+    getrusage(RUSAGE_SELF, &before);
+    EXPECT_FALSE(parseJson(line));
+    rusage after{};
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(static_cast<std::size_t>(after.ru_maxrss - before.ru_maxrss) * 1024, line.size());
 }
 
 TEST(JsonReaderTests, NestsAMillionLevelsWithoutRecursion) {
