@@ -281,13 +281,6 @@ Json Json::real(double value) {
     return json;
 }
 
-Json Json::numberLiteral(std::string text) {
-    Json json;
-    JsonTreeOps::setString(json, std::move(text));
-    json.type_ = Type::numberText;
-    return json;
-}
-
 Json Json::string(std::string value) {
     Json json;
     JsonTreeOps::setString(json, std::move(value));

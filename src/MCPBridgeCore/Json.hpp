@@ -46,8 +46,6 @@ public:
     static Json integer(std::int64_t value);
     static Json unsignedInteger(std::uint64_t value); // only for values above INT64_MAX
     static Json real(double value);
-    // A number as written in JSON text (the reader's form of non-plain numbers); the text is not checked.
-    static Json numberLiteral(std::string text);
     static Json string(std::string value);
     // Overloads rather than default arguments: JsonMember is not yet complete here.
     static Json array();
