@@ -20,6 +20,17 @@ Spelling spellingOf(const std::string& name, std::string_view target, const std:
     if (name == target) return Spelling::exact;
     // Every variant of these ASCII names is at most three bytes per letter long.
     if (name.size() < target.size() || name.size() > 3 * target.size()) return Spelling::other;
+    // An ASCII name, the usual case, folds to the target only letter for letter.
+    bool ascii = true;
+    for (const char c : name) ascii = ascii && static_cast<unsigned char>(c) < 0x80;
+    if (ascii) {
+        if (name.size() != target.size()) return Spelling::other;
+        for (std::size_t i = 0; i < name.size(); ++i) {
+            const char c = name[i];
+            if (c != target[i] && !(c >= 'A' && c <= 'Z' && c + ('a' - 'A') == target[i])) return Spelling::other;
+        }
+        return Spelling::variant;
+    }
     return foldedName(name) == targetFolded ? Spelling::variant : Spelling::other;
 }
 
