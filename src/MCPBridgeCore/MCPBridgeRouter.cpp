@@ -82,8 +82,9 @@ void MCPBridgeRouter::handleClientLine(std::string line) {
             // Some server could read something else out of this line than the bridge: relay
             // nothing, and answer every request that any reading finds in it.
             for (const ClientLineReadings::FoundRequest& request : reading.refused) {
-                std::string answer = request.toolCall ? MCPWire::denyResult(request.id, denyMessage(kMalformedTool, kMalformedReason, false))
-                                                      : MCPWire::invalidRequest(request.id);
+                std::string answer =
+                    request.toolCall ? MCPWire::denyResult(request.id, denyMessage(kMalformedTool, kMalformedReason, false))
+                                     : MCPWire::invalidRequest(request.id);
                 writeLine(writeToClient_, answer);
             }
             return;

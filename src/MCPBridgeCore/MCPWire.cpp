@@ -118,7 +118,8 @@ std::optional<double> javaScriptNumber(std::string_view text) {
         const int base = (text[1] == 'x' || text[1] == 'X') ? 16 : (text[1] == 'o' || text[1] == 'O') ? 8 : 2;
         double value = 0;
         for (char c : text.substr(2)) {
-            const int digit = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : 99;
+            const char lower = static_cast<char>(c | 0x20);
+            const int digit = c >= '0' && c <= '9' ? c - '0' : lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : 99;
             if (digit >= base) return std::nullopt;
             value = value * base + digit;
         }
