@@ -450,7 +450,7 @@ def same_json(a, b):
 
 def check_approval(bridge, gateway, workdir, number, line, messages):
     """Pass 2 for one line: the gateway allows; whatever reached the server must be what it allowed."""
-    faults, notes = [], []
+    faults = []
     singles = [m for m in messages if is_call_with_id(m)]
     before = len(gateway.queries)
     record = os.path.join(workdir, "pass2-%d.record" % number)
@@ -459,11 +459,11 @@ def check_approval(bridge, gateway, workdir, number, line, messages):
     if received not in (b"", line + b"\n"):
         faults.append("pass 2, line %d: the server received other bytes than the line" % number)
     if not received:
-        return faults, notes
+        return faults
     if len(queries) != 1:
         faults.append("pass 2, line %d reached the server after %d gateway queries: %s"
                       % (number, len(queries), show(line)))
-        return faults, notes
+        return faults
     query = queries[0]
     for m in singles:
         if m["name"] is not None and replaced_runs(m["name"]) != replaced_runs(query["tool"]):
@@ -481,7 +481,7 @@ def check_approval(bridge, gateway, workdir, number, line, messages):
             continue
         faults.append("pass 2, line %d: gateway saw arguments %s, %s executes %s"
                       % (number, query["argumentsJSON"][:80], m["reader"], show(json.dumps(arguments).encode(), 80)))
-    return faults, notes
+    return faults
 
 
 # ------------------------------------------------------------------------------------------
@@ -506,7 +506,6 @@ def main():
                         + lenient_reading(line))
 
     faults = []
-    by_design = []
     workdir = tempfile.mkdtemp(prefix="sentrova-differential-")
     try:
         # Pass 1: deny everything, one stream.
@@ -566,9 +565,8 @@ def main():
 
         try:
             with concurrent.futures.ThreadPoolExecutor(max_workers=2) as pool:
-                for line_faults, line_notes in pool.map(check, call_lines):
+                for line_faults in pool.map(check, call_lines):
                     faults += line_faults
-                    by_design += line_notes
         finally:
             for gateway in gateways:
                 gateway.close()
@@ -578,15 +576,6 @@ def main():
 
     for name, value in counts.items():
         print("%-50s %d" % (name, value))
-    if by_design:
-        print("\nrelayed or simplified by design (not failures):")
-        merged = {}
-        for entry in by_design:  # one entry per finding, the readers joined
-            match = re.match(r"(.*) while (\S+) executes (.*)", entry)
-            key = (match.group(1), match.group(3)) if match else (entry, None)
-            merged.setdefault(key, []).append(match.group(2) if match else None)
-        for (head, tail), readers in merged.items():
-            print("  " + (head if tail is None else "%s while %s executes %s" % (head, "/".join(sorted(readers)), tail)))
     if faults:
         print("\nFAULTS:")
         for fault in faults:
