@@ -628,10 +628,10 @@ double literalValue(std::string_view text) noexcept {
 // Directly nested containers that opened with nothing read between them ("[[[[") share one
 // frame with a count, so that a line of brackets costs no memory per bracket.
 struct ReaderFrame {
-    bool isObject;
     std::size_t firstValue;
     std::size_t firstKey;
-    std::size_t count;
+    std::uint32_t count;
+    bool isObject;
 };
 
 // A member name waiting for its object to close: a span of the input when it needed no
@@ -757,12 +757,13 @@ private:
     void open(bool isObject) {
         if (!frames_.empty()) {
             ReaderFrame& last = frames_.back();
-            if (last.isObject == isObject && last.firstValue == values_.size() && last.firstKey == keys_.size()) {
+            if (last.isObject == isObject && last.firstValue == values_.size() && last.firstKey == keys_.size() &&
+                last.count != UINT32_MAX) {
                 ++last.count;
                 return;
             }
         }
-        frames_.push_back({isObject, values_.size(), keys_.size(), 1});
+        frames_.push_back({values_.size(), keys_.size(), 1, isObject});
     }
 
     // The container's storage is sized once, exactly; its children move in from the value stack.
