@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "MCPBridgeCore/AmbiguousCallGuard.hpp"
+#include "MCPBridgeCore/ClientLineReadings.hpp"
 #include "MCPBridgeCore/Json.hpp"
 
 namespace {
@@ -70,9 +70,9 @@ void readLine(benchmark::State& state, const std::string& line) {
 // member names that other parsers would read differently.
 void readAndGuard(benchmark::State& state, const std::string& line) {
     for (auto _ : state) {
-        auto value = sentrova::parseJson(line);
-        if (!value) state.SkipWithError("line refused");
-        else benchmark::DoNotOptimize(sentrova::AmbiguousCallGuard::inspect(*value).ambiguous);
+        auto answer = sentrova::ClientLineReadings::read(line);
+        if (!answer.message) state.SkipWithError("line refused");
+        benchmark::DoNotOptimize(answer);
     }
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(line.size()));
 }

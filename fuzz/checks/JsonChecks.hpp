@@ -500,15 +500,14 @@ inline std::string checkJsonInput(std::string_view text) {
     }
     if (!parsed) return {};
 
-    const auto [depth, nonFinite] = depthAndNonFinite(*parsed);
+    const bool nonFinite = depthAndNonFinite(*parsed).second;
     for (const bool escapeSlash : {false, true}) {
         const std::optional<std::string> written = writeJson(*parsed, JsonWriteOptions{escapeSlash});
         if (!written) {
-            if (!nonFinite && depth < kMaxWriteDepth) return "writer refused a finite value of modest depth";
+            if (!nonFinite) return "writer refused a finite value";
             continue;
         }
         if (nonFinite) return "writer wrote a non-finite number";
-        if (depth > kMaxWriteDepth + 1) return "writer wrote a value nested beyond its limit";
         if (auto fault = checkCanonicalText(*written, escapeSlash); !fault.empty()) return fault;
         const std::optional<Json> reread = parseJson(*written);
         if (!reread) return "reader refuses the writer's text";

@@ -31,7 +31,7 @@
 #include "MCPBridgeCore/Json.hpp"
 #include "MCPBridgeCore/MCPBridgeContract.hpp"
 #include "MCPBridgeCore/MCPBridgeRouter.hpp"
-#include "MCPBridgeCore/SmuggledCallGuard.hpp"
+#include "MCPBridgeCore/ClientLineReadings.hpp"
 #include "JsonChecks.hpp"
 
 namespace sentrova::fuzzcheck {
@@ -248,16 +248,15 @@ inline std::string checkClientLine(const std::string& line, const std::vector<Re
         }
         start = end + 1;
     }
-    const SmuggledCallGuard::Verdict smuggled = SmuggledCallGuard::inspect(line, bridgeView.has_value());
-    if (hiddenCall && !smuggled.smuggled) return "a tool call behind a CR was not noticed";
-    if (smuggled.smuggled) {
-        if (relayed || asked) return "a line hiding a tool call reached the server or the gateway";
-        if (toClient.size() != smuggled.ids.size()) return "a hidden tool call was not answered once per id";
+    const ClientLineReadings::Answer reading = ClientLineReadings::read(line);
+    if (hiddenCall && reading.message) return "a tool call behind a CR was not noticed";
+    if (!reading.message) {
+        if (relayed || asked) return "a refused line reached the server or the gateway";
+        if (toClient.size() != reading.refused.size()) return "a refused line's requests were not answered once per id";
         return {};
     }
-
-    if (!bridgeView || !bridgeView->isObject()) {
-        if (!relayed || !toClient.empty() || asked) return "a line that is not a message was not simply relayed";
+    if (!bridgeView->isObject()) {
+        if (!relayed || !toClient.empty() || asked) return "a batch without a tool call was not simply relayed";
     }
 
     const std::optional<Json> message = mainstreamReading(line);
@@ -300,11 +299,6 @@ inline std::string checkClientLine(const std::string& line, const std::vector<Re
             if (arguments && (arguments->isObject() || arguments->isArray())) {
                 bool deep = false;
                 auto approved = ReferenceJsonReader::read(query.argumentsJSON, deep);
-                // By design the gateway sees "{}" for arguments that cannot be written (a NaN, an
-                // infinity, nesting past the writer's limit); the report to the lead covers this gap.
-                const auto [depth, nonFinite] = depthAndNonFinite(*arguments);
-                const bool unwritable = nonFinite || depth >= kMaxWriteDepth;
-                if (unwritable && query.argumentsJSON == "{}") continue;
                 if (!deep && (!approved || !sameValue(*approved, *arguments, false))) {
                     return "the server receives other arguments than the gateway saw";
                 }

@@ -177,14 +177,21 @@ struct Transfer {
         if (easy != nullptr) curl->easyCleanup(easy);
     }
 
-    // A short count makes libcurl fail the transfer, which then denies like any other failure.
+    // No verdict is anywhere near 1 MiB: a longer answer is unreadable, and is not read further.
+    static constexpr std::size_t kMaxAnswer = std::size_t{1} << 20;
+
+    // A short count makes libcurl stop the transfer; the emptied body then reads as unreadable.
     static size_t keepBody(char* data, size_t size, size_t count, void* context) {
+        std::string& response = static_cast<Transfer*>(context)->response;
         try {
-            static_cast<Transfer*>(context)->response.append(data, size * count);
-            return size * count;
+            if (response.size() + size * count <= kMaxAnswer) {
+                response.append(data, size * count);
+                return size * count;
+            }
         } catch (...) {
-            return 0;
         }
+        std::string().swap(response);
+        return 0;
     }
     static size_t dropBody(char*, size_t size, size_t count, void*) { return size * count; }
 };
@@ -192,7 +199,8 @@ struct Transfer {
 // status 200 (with a body, possibly empty) is a verdict; every other ending is the no-answer deny.
 BridgeDecision decisionFor(CURLcode result, long status, const std::string& body) {
     try {
-        if (result == CURLE_OK && status == 200) return BridgeDecision::parse(body);
+        // A write error is the body callback refusing an answer too long to be a verdict.
+        if ((result == CURLE_OK || result == CURLE_WRITE_ERROR) && status == 200) return BridgeDecision::parse(body);
     } catch (...) {
         // Out of memory while reading the verdict: no verdict, so the call is denied like any other.
     }

@@ -20,6 +20,10 @@ namespace sentrova {
 // lists; destroying recurses only a few levels (the usual message) and hands anything deeper
 // to a work list.
 
+namespace {
+double literalValue(std::string_view text) noexcept;
+} // namespace
+
 class JsonTreeOps {
 public:
     using CopyTask = std::pair<const Json*, Json*>;
@@ -42,6 +46,7 @@ public:
         json.type_ = Json::Type::object;
     }
     static void take(Json& json, Json& from) noexcept { json.moveFrom(std::move(from)); }
+    static void markLiteral(Json& json) noexcept { json.type_ = Json::Type::numberText; }
 
     static bool isContainer(const Json& value) noexcept {
         return value.type_ == Json::Type::array || value.type_ == Json::Type::object;
@@ -51,8 +56,9 @@ public:
     static void copyNode(const Json& source, Json& target, std::vector<CopyTask>& pending) {
         switch (source.type_) {
         case Json::Type::string:
+        case Json::Type::numberText:
             new (&target.s_) std::string(source.s_);
-            target.type_ = Json::Type::string;
+            target.type_ = source.type_;
             return;
         case Json::Type::array:
             new (&target.a_) Json::Array(source.a_.size());
@@ -115,7 +121,7 @@ public:
     // Empties a child before its container goes, so that the container's own destructor finds
     // only nulls and scalars.
     static void destroyChild(Json& child, unsigned depthLeft) noexcept {
-        if (child.type_ == Json::Type::string) {
+        if (child.type_ == Json::Type::string || child.type_ == Json::Type::numberText) {
             std::destroy_at(&child.s_);
             child.type_ = Json::Type::null;
         } else if (isContainer(child)) {
@@ -153,7 +159,8 @@ public:
     // Frees node, whose children hold no containers, and leaves it null.
     static void freeFlat(Json& node) noexcept {
         switch (node.type_) {
-        case Json::Type::string: std::destroy_at(&node.s_); break;
+        case Json::Type::string:
+        case Json::Type::numberText: std::destroy_at(&node.s_); break;
         case Json::Type::array: std::destroy_at(&node.a_); break;
         case Json::Type::object: std::destroy_at(&node.o_); break;
         default: break;
@@ -163,6 +170,11 @@ public:
     }
 
     static bool sameScalar(const Json& a, const Json& b) noexcept {
+        if (a.type() == Json::Type::real) { // a literal and a double compare by value
+            const double x = a.realValue();
+            const double y = b.realValue();
+            return x == y || (std::isnan(x) && std::isnan(y));
+        }
         switch (a.type_) {
         case Json::Type::null: return true;
         case Json::Type::boolean: return a.b_ == b.b_;
@@ -175,13 +187,13 @@ public:
     }
 
     static bool equalTrees(const Json& a, const Json& b) {
-        if (a.type_ != b.type_) return false;
+        if (a.type() != b.type()) return false;
         if (!isContainer(a)) return sameScalar(a, b);
         std::vector<std::pair<const Json*, const Json*>> pending{{&a, &b}};
         while (!pending.empty()) {
             auto [x, y] = pending.back();
             pending.pop_back();
-            if (x->type_ != y->type_) return false;
+            if (x->type() != y->type()) return false;
             if (x->type_ == Json::Type::array) {
                 if (x->a_.size() != y->a_.size()) return false;
                 for (std::size_t i = 0; i < x->a_.size(); ++i) pending.emplace_back(&x->a_[i], &y->a_[i]);
@@ -294,13 +306,18 @@ Json Json::object(Object members) {
 bool Json::isNumber() const noexcept { return type_ == Type::boolean || isNumberLiteral(); }
 
 bool Json::isNumberLiteral() const noexcept {
-    return type_ == Type::integer || type_ == Type::unsignedInteger || type_ == Type::real;
+    return type_ == Type::integer || type_ == Type::unsignedInteger || type_ == Type::real || type_ == Type::numberText;
 }
 
 bool Json::boolValue() const noexcept { return type_ == Type::boolean && b_; }
 std::int64_t Json::intValue() const noexcept { return type_ == Type::integer ? i_ : 0; }
 std::uint64_t Json::uintValue() const noexcept { return type_ == Type::unsignedInteger ? u_ : 0; }
-double Json::realValue() const noexcept { return type_ == Type::real ? d_ : 0.0; }
+double Json::realValue() const noexcept {
+    if (type_ == Type::numberText) return literalValue(s_);
+    return type_ == Type::real ? d_ : 0.0;
+}
+
+std::string_view Json::numberText() const noexcept { return type_ == Type::numberText ? std::string_view(s_) : std::string_view(); }
 
 std::optional<double> Json::numberValue() const noexcept {
     switch (type_) {
@@ -308,6 +325,7 @@ std::optional<double> Json::numberValue() const noexcept {
     case Type::integer: return static_cast<double>(i_);
     case Type::unsignedInteger: return static_cast<double>(u_);
     case Type::real: return d_;
+    case Type::numberText: return literalValue(s_);
     default: return std::nullopt;
     }
 }
@@ -590,15 +608,30 @@ double outOfRangeValue(const char* begin, const char* end) noexcept {
     return zero;
 }
 
+// The value of a number literal as the reader keeps it (NaN and the infinities included).
+double literalValue(std::string_view text) noexcept {
+    if (text == "NaN") return std::numeric_limits<double>::quiet_NaN();
+    if (text == "Infinity") return std::numeric_limits<double>::infinity();
+    if (text == "-Infinity") return -std::numeric_limits<double>::infinity();
+    double value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [last, error] = std::from_chars(text.data(), end, value);
+    if (error == std::errc::result_out_of_range) return outOfRangeValue(text.data(), end);
+    return error == std::errc() && last == end ? value : std::numeric_limits<double>::quiet_NaN();
+}
+
 // ---------------------------------------------------------------------------------------------
 // Reader. Values are built bottom-up on one value stack: a container, when it closes, takes the
 // values (and for an object the keys) pushed since it opened. Nesting lives in frames_, never on
 // the C++ stack.
 
+// Directly nested containers that opened with nothing read between them ("[[[[") share one
+// frame with a count, so that a line of brackets costs no memory per bracket.
 struct ReaderFrame {
-    bool isObject;
     std::size_t firstValue;
     std::size_t firstKey;
+    std::uint32_t count;
+    bool isObject;
 };
 
 // A member name waiting for its object to close: a span of the input when it needed no
@@ -721,12 +754,22 @@ private:
         }
     }
 
-    void open(bool isObject) { frames_.push_back({isObject, values_.size(), keys_.size()}); }
+    void open(bool isObject) {
+        if (!frames_.empty()) {
+            ReaderFrame& last = frames_.back();
+            if (last.isObject == isObject && last.firstValue == values_.size() && last.firstKey == keys_.size() &&
+                last.count != UINT32_MAX) {
+                ++last.count;
+                return;
+            }
+        }
+        frames_.push_back({values_.size(), keys_.size(), 1, isObject});
+    }
 
     // The container's storage is sized once, exactly; its children move in from the value stack.
     void close() {
         const ReaderFrame frame = frames_.back();
-        frames_.pop_back();
+        if (--frames_.back().count == 0) frames_.pop_back();
         const std::size_t count = values_.size() - frame.firstValue;
         Json* const children = values_.data() + frame.firstValue;
         if (!frame.isObject) {
@@ -806,13 +849,12 @@ private:
             values_.push_back(Json::null());
             return true;
         case 'N':
-            if (!readWord("NaN")) return false;
-            values_.push_back(Json::real(std::numeric_limits<double>::quiet_NaN()));
+        case 'I': {
+            const char* const start = p_;
+            if (!readWord(*p_ == 'N' ? "NaN" : "Infinity")) return false;
+            pushLiteral(start);
             return true;
-        case 'I':
-            if (!readWord("Infinity")) return false;
-            values_.push_back(Json::real(std::numeric_limits<double>::infinity()));
-            return true;
+        }
         default:
             return readNumber();
         }
@@ -825,7 +867,7 @@ private:
             ++p_;
             if (p_ != end_ && *p_ == 'I') {
                 if (!readWord("Infinity")) return false;
-                values_.push_back(Json::real(-std::numeric_limits<double>::infinity()));
+                pushLiteral(start);
                 return true;
             }
         }
@@ -873,15 +915,15 @@ private:
                 return true;
             }
         }
-        double value = 0;
-        const auto [last, error] = std::from_chars(start, p_, value);
-        if (error == std::errc::result_out_of_range) {
-            value = outOfRangeValue(start, p_);
-        } else if (error != std::errc() || last != p_) {
-            return false;
-        }
-        values_.push_back(Json::real(value));
+        pushLiteral(start);
         return true;
+    }
+
+    // A number kept as its own text (short ones stay inside the value, with no allocation).
+    void pushLiteral(const char* start) {
+        Json& value = values_.emplace_back();
+        JsonTreeOps::setString(value, start, static_cast<std::size_t>(p_ - start));
+        JsonTreeOps::markLiteral(value);
     }
 
     // Appends the string that started at start (after its quote) to out; p_ is at or before the
@@ -964,32 +1006,96 @@ private:
 };
 
 // ---------------------------------------------------------------------------------------------
-// Writer. Recursion is bounded by kMaxWriteDepth.
+// Writer. Nesting lives in an explicit stack of open containers, never on the C++ stack.
 
 class JsonWriter {
 public:
     JsonWriter(std::string& out, JsonWriteOptions options) : out_(out), options_(options) {}
 
-    bool write(const Json& value, std::size_t depth) {
+    bool write(const Json& root) {
+        if (!writeValue(root)) return false;
+        while (!open_.empty()) {
+            Open& top = open_.back();
+            if (top.next == top.end) {
+                out_.push_back(top.isObject ? '}' : ']');
+                order_.resize(top.orderBase);
+                open_.pop_back();
+                continue;
+            }
+            if (top.next != top.begin) out_.push_back(',');
+            const std::size_t at = top.next++;
+            const Json* value;
+            if (top.isObject) {
+                const JsonMember* member = order_[at];
+                appendJsonString(out_, member->key, options_);
+                out_.push_back(':');
+                value = &member->value;
+            } else {
+                value = &top.elements[at - top.begin];
+            }
+            if (!writeValue(*value)) return false; // may open a container: top is then stale
+        }
+        return true;
+    }
+
+private:
+    // One container being written: elements of an array, or the sorted members of an object as
+    // the slice [begin, end) of order_.
+    struct Open {
+        bool isObject;
+        const Json* elements;
+        std::size_t begin;
+        std::size_t next;
+        std::size_t end;
+        std::size_t orderBase;
+    };
+
+    // Writes a scalar whole, or the opening of a container (its contents follow from the stack).
+    bool writeValue(const Json& value) {
         switch (value.type()) {
         case Json::Type::null: out_.append("null"); return true;
         case Json::Type::boolean: out_.append(value.boolValue() ? "true" : "false"); return true;
         case Json::Type::integer: appendDecimal(value.intValue()); return true;
         case Json::Type::unsignedInteger: appendDecimal(value.uintValue()); return true;
-        case Json::Type::real: return appendReal(value.realValue());
+        case Json::Type::real: return appendNumber(value);
         case Json::Type::string: appendJsonString(out_, value.stringValue(), options_); return true;
-        case Json::Type::array: return depth < kMaxWriteDepth && writeArray(value.arrayValue(), depth + 1);
-        case Json::Type::object: return depth < kMaxWriteDepth && writeObject(value.objectValue(), depth + 1);
+        case Json::Type::array: {
+            const Json::Array& elements = value.arrayValue();
+            out_.push_back('[');
+            open_.push_back({false, elements.data(), 0, 0, elements.size(), order_.size()});
+            return true;
         }
-        return false;
+        case Json::Type::object: {
+            const Json::Object& members = value.objectValue();
+            const std::size_t base = order_.size();
+            for (const JsonMember& member : members) order_.push_back(&member);
+            sortTail(base);
+            out_.push_back('{');
+            open_.push_back({true, nullptr, base, base, base + members.size(), base});
+            return true;
+        }
+        default: return false;
+        }
     }
 
-private:
     template <typename Integer>
     void appendDecimal(Integer number) {
         char digits[24];
         const auto result = std::to_chars(digits, digits + sizeof digits, number);
         out_.append(digits, result.ptr);
+    }
+
+    // A number read from text: echoed as read when asked, and an integer of any size keeps all
+    // its digits; anything else goes through its double value.
+    bool appendNumber(const Json& value) {
+        const std::string_view text = value.numberText();
+        if (!text.empty() && text.back() != 'N' && text.back() != 'y') { // not NaN or an infinity
+            if (options_.verbatimNumbers || text.find_first_of(".eE") == std::string_view::npos) {
+                out_.append(text);
+                return true;
+            }
+        }
+        return appendReal(value.realValue());
     }
 
     // Integral values below 2^53 print as integers (1.0 as 1, -0.0 as 0); everything else in
@@ -1004,38 +1110,6 @@ private:
         const auto result = std::to_chars(text, text + sizeof text, number);
         out_.append(text, result.ptr);
         return true;
-    }
-
-    bool writeArray(const Json::Array& elements, std::size_t depth) {
-        out_.push_back('[');
-        for (std::size_t i = 0; i < elements.size(); ++i) {
-            if (i != 0) out_.push_back(',');
-            if (!write(elements[i], depth)) return false;
-        }
-        out_.push_back(']');
-        return true;
-    }
-
-    bool writeObject(const Json::Object& members, std::size_t depth) {
-        // order_ is one stack shared by all open objects; this object owns the tail from base.
-        const std::size_t base = order_.size();
-        for (const JsonMember& member : members) order_.push_back(&member);
-        sortTail(base);
-        out_.push_back('{');
-        bool ok = true;
-        for (std::size_t i = base; i < base + members.size(); ++i) {
-            if (i != base) out_.push_back(',');
-            const JsonMember* member = order_[i];
-            appendJsonString(out_, member->key, options_);
-            out_.push_back(':');
-            if (!write(member->value, depth)) {
-                ok = false;
-                break;
-            }
-        }
-        order_.resize(base);
-        out_.push_back('}');
-        return ok;
     }
 
     void sortTail(std::size_t base) {
@@ -1058,7 +1132,8 @@ private:
 
     std::string& out_;
     JsonWriteOptions options_;
-    std::vector<const JsonMember*> order_;
+    std::vector<Open> open_;
+    std::vector<const JsonMember*> order_; // sorted members of every open object, innermost last
 };
 
 inline char foldCase(unsigned char c) noexcept {
@@ -1082,7 +1157,7 @@ std::optional<std::string> writeJson(const Json& value, JsonWriteOptions options
     try {
         std::string out;
         JsonWriter writer(out, options);
-        if (!writer.write(value, 0)) return std::nullopt;
+        if (!writer.write(value)) return std::nullopt;
         return out;
     } catch (...) {
         return std::nullopt;
@@ -1149,6 +1224,110 @@ bool jsonKeyLess(std::string_view a, std::string_view b) noexcept {
     }
     if (i == a.size() && j == b.size()) return a < b; // equal under the collation: plain byte order
     return i == a.size();
+}
+
+namespace {
+
+// Simple case folding orbits (Unicode CaseFolding.txt, statuses C and S): each code point in a
+// run [first, last] (every stride-th one) maps to first member of its orbit by adding delta.
+struct FoldRun {
+    std::uint32_t first;
+    std::uint32_t last;
+    std::uint8_t stride;
+    std::int32_t delta;
+};
+constexpr FoldRun kFoldRuns[] = {
+    {0x61, 0x7A, 1, -32}, {0xE0, 0xF6, 1, -32}, {0xF8, 0xFE, 1, -32}, {0x101, 0x12F, 2, -1},
+    {0x133, 0x137, 2, -1}, {0x13A, 0x148, 2, -1}, {0x14B, 0x177, 2, -1}, {0x178, 0x178, 1, -121},
+    {0x17A, 0x17E, 2, -1}, {0x17F, 0x17F, 1, -300}, {0x183, 0x185, 2, -1}, {0x188, 0x188, 1, -1},
+    {0x18C, 0x18C, 1, -1}, {0x192, 0x192, 1, -1}, {0x199, 0x199, 1, -1}, {0x1A1, 0x1A5, 2, -1},
+    {0x1A8, 0x1A8, 1, -1}, {0x1AD, 0x1AD, 1, -1}, {0x1B0, 0x1B0, 1, -1}, {0x1B4, 0x1B6, 2, -1},
+    {0x1B9, 0x1B9, 1, -1}, {0x1BD, 0x1BD, 1, -1}, {0x1C5, 0x1C5, 1, -1}, {0x1C6, 0x1C6, 1, -2},
+    {0x1C8, 0x1C8, 1, -1}, {0x1C9, 0x1C9, 1, -2}, {0x1CB, 0x1CB, 1, -1}, {0x1CC, 0x1CC, 1, -2},
+    {0x1CE, 0x1DC, 2, -1}, {0x1DD, 0x1DD, 1, -79}, {0x1DF, 0x1EF, 2, -1}, {0x1F2, 0x1F2, 1, -1},
+    {0x1F3, 0x1F3, 1, -2}, {0x1F5, 0x1F5, 1, -1}, {0x1F6, 0x1F6, 1, -97}, {0x1F7, 0x1F7, 1, -56},
+    {0x1F9, 0x21F, 2, -1}, {0x220, 0x220, 1, -130}, {0x223, 0x233, 2, -1}, {0x23C, 0x23C, 1, -1},
+    {0x23D, 0x23D, 1, -163}, {0x242, 0x242, 1, -1}, {0x243, 0x243, 1, -195}, {0x247, 0x24F, 2, -1},
+    {0x253, 0x253, 1, -210}, {0x254, 0x254, 1, -206}, {0x256, 0x257, 1, -205}, {0x259, 0x259, 1, -202},
+    {0x25B, 0x25B, 1, -203}, {0x260, 0x260, 1, -205}, {0x263, 0x263, 1, -207}, {0x268, 0x268, 1, -209},
+    {0x269, 0x269, 1, -211}, {0x26F, 0x26F, 1, -211}, {0x272, 0x272, 1, -213}, {0x275, 0x275, 1, -214},
+    {0x280, 0x280, 1, -218}, {0x283, 0x283, 1, -218}, {0x288, 0x288, 1, -218}, {0x289, 0x289, 1, -69},
+    {0x28A, 0x28B, 1, -217}, {0x28C, 0x28C, 1, -71}, {0x292, 0x292, 1, -219}, {0x371, 0x373, 2, -1},
+    {0x377, 0x377, 1, -1}, {0x399, 0x399, 1, -84}, {0x39C, 0x39C, 1, -743}, {0x3AC, 0x3AC, 1, -38},
+    {0x3AD, 0x3AF, 1, -37}, {0x3B1, 0x3B8, 1, -32}, {0x3B9, 0x3B9, 1, -116}, {0x3BA, 0x3BB, 1, -32},
+    {0x3BC, 0x3BC, 1, -775}, {0x3BD, 0x3C1, 1, -32}, {0x3C2, 0x3C2, 1, -31}, {0x3C3, 0x3CB, 1, -32},
+    {0x3CC, 0x3CC, 1, -64}, {0x3CD, 0x3CE, 1, -63}, {0x3D0, 0x3D0, 1, -62}, {0x3D1, 0x3D1, 1, -57},
+    {0x3D5, 0x3D5, 1, -47}, {0x3D6, 0x3D6, 1, -54}, {0x3D7, 0x3D7, 1, -8}, {0x3D9, 0x3EF, 2, -1},
+    {0x3F0, 0x3F0, 1, -86}, {0x3F1, 0x3F1, 1, -80}, {0x3F3, 0x3F3, 1, -116}, {0x3F4, 0x3F4, 1, -92},
+    {0x3F5, 0x3F5, 1, -96}, {0x3F8, 0x3F8, 1, -1}, {0x3F9, 0x3F9, 1, -7}, {0x3FB, 0x3FB, 1, -1},
+    {0x3FD, 0x3FF, 1, -130}, {0x430, 0x44F, 1, -32}, {0x450, 0x45F, 1, -80}, {0x461, 0x481, 2, -1},
+    {0x48B, 0x4BF, 2, -1}, {0x4C2, 0x4CE, 2, -1}, {0x4CF, 0x4CF, 1, -15}, {0x4D1, 0x52F, 2, -1},
+    {0x561, 0x586, 1, -48}, {0x13F8, 0x13FD, 1, -8}, {0x1C80, 0x1C80, 1, -6254}, {0x1C81, 0x1C81, 1, -6253},
+    {0x1C82, 0x1C82, 1, -6244}, {0x1C83, 0x1C84, 1, -6242}, {0x1C85, 0x1C85, 1, -6243},
+    {0x1C86, 0x1C86, 1, -6236}, {0x1C87, 0x1C87, 1, -6181}, {0x1C90, 0x1CBA, 1, -3008},
+    {0x1CBD, 0x1CBF, 1, -3008}, {0x1E01, 0x1E95, 2, -1}, {0x1E9B, 0x1E9B, 1, -59}, {0x1E9E, 0x1E9E, 1, -7615},
+    {0x1EA1, 0x1EFF, 2, -1}, {0x1F08, 0x1F0F, 1, -8}, {0x1F18, 0x1F1D, 1, -8}, {0x1F28, 0x1F2F, 1, -8},
+    {0x1F38, 0x1F3F, 1, -8}, {0x1F48, 0x1F4D, 1, -8}, {0x1F59, 0x1F5F, 2, -8}, {0x1F68, 0x1F6F, 1, -8},
+    {0x1F88, 0x1F8F, 1, -8}, {0x1F98, 0x1F9F, 1, -8}, {0x1FA8, 0x1FAF, 1, -8}, {0x1FB8, 0x1FB9, 1, -8},
+    {0x1FBA, 0x1FBB, 1, -74}, {0x1FBC, 0x1FBC, 1, -9}, {0x1FBE, 0x1FBE, 1, -7289}, {0x1FC8, 0x1FCB, 1, -86},
+    {0x1FCC, 0x1FCC, 1, -9}, {0x1FD8, 0x1FD9, 1, -8}, {0x1FDA, 0x1FDB, 1, -100}, {0x1FE8, 0x1FE9, 1, -8},
+    {0x1FEA, 0x1FEB, 1, -112}, {0x1FEC, 0x1FEC, 1, -7}, {0x1FF8, 0x1FF9, 1, -128}, {0x1FFA, 0x1FFB, 1, -126},
+    {0x1FFC, 0x1FFC, 1, -9}, {0x2126, 0x2126, 1, -7549}, {0x212A, 0x212A, 1, -8415},
+    {0x212B, 0x212B, 1, -8294}, {0x214E, 0x214E, 1, -28}, {0x2170, 0x217F, 1, -16}, {0x2184, 0x2184, 1, -1},
+    {0x24D0, 0x24E9, 1, -26}, {0x2C30, 0x2C5F, 1, -48}, {0x2C61, 0x2C61, 1, -1}, {0x2C62, 0x2C62, 1, -10743},
+    {0x2C63, 0x2C63, 1, -3814}, {0x2C64, 0x2C64, 1, -10727}, {0x2C65, 0x2C65, 1, -10795},
+    {0x2C66, 0x2C66, 1, -10792}, {0x2C68, 0x2C6C, 2, -1}, {0x2C6D, 0x2C6D, 1, -10780},
+    {0x2C6E, 0x2C6E, 1, -10749}, {0x2C6F, 0x2C6F, 1, -10783}, {0x2C70, 0x2C70, 1, -10782},
+    {0x2C73, 0x2C73, 1, -1}, {0x2C76, 0x2C76, 1, -1}, {0x2C7E, 0x2C7F, 1, -10815}, {0x2C81, 0x2CE3, 2, -1},
+    {0x2CEC, 0x2CEE, 2, -1}, {0x2CF3, 0x2CF3, 1, -1}, {0x2D00, 0x2D25, 1, -7264}, {0x2D27, 0x2D27, 1, -7264},
+    {0x2D2D, 0x2D2D, 1, -7264}, {0xA641, 0xA649, 2, -1}, {0xA64A, 0xA64A, 1, -35266},
+    {0xA64B, 0xA64B, 1, -35267}, {0xA64D, 0xA66D, 2, -1}, {0xA681, 0xA69B, 2, -1}, {0xA723, 0xA72F, 2, -1},
+    {0xA733, 0xA76F, 2, -1}, {0xA77A, 0xA77C, 2, -1}, {0xA77D, 0xA77D, 1, -35332}, {0xA77F, 0xA787, 2, -1},
+    {0xA78C, 0xA78C, 1, -1}, {0xA78D, 0xA78D, 1, -42280}, {0xA791, 0xA793, 2, -1}, {0xA797, 0xA7A9, 2, -1},
+    {0xA7AA, 0xA7AA, 1, -42308}, {0xA7AB, 0xA7AB, 1, -42319}, {0xA7AC, 0xA7AC, 1, -42315},
+    {0xA7AD, 0xA7AD, 1, -42305}, {0xA7AE, 0xA7AE, 1, -42308}, {0xA7B0, 0xA7B0, 1, -42258},
+    {0xA7B1, 0xA7B1, 1, -42282}, {0xA7B2, 0xA7B2, 1, -42261}, {0xA7B5, 0xA7C3, 2, -1},
+    {0xA7C4, 0xA7C4, 1, -48}, {0xA7C5, 0xA7C5, 1, -42307}, {0xA7C6, 0xA7C6, 1, -35384},
+    {0xA7C8, 0xA7CA, 2, -1}, {0xA7D1, 0xA7D1, 1, -1}, {0xA7D7, 0xA7D9, 2, -1}, {0xA7F6, 0xA7F6, 1, -1},
+    {0xAB53, 0xAB53, 1, -928}, {0xAB70, 0xABBF, 1, -38864}, {0xFF41, 0xFF5A, 1, -32},
+    {0x10428, 0x1044F, 1, -40}, {0x104D8, 0x104FB, 1, -40}, {0x10597, 0x105A1, 1, -39},
+    {0x105A3, 0x105B1, 1, -39}, {0x105B3, 0x105B9, 1, -39}, {0x105BB, 0x105BC, 1, -39},
+    {0x10CC0, 0x10CF2, 1, -64}, {0x118C0, 0x118DF, 1, -32}, {0x16E60, 0x16E7F, 1, -32},
+    {0x1E922, 0x1E943, 1, -34},
+};
+
+std::uint32_t foldCodePoint(std::uint32_t c) noexcept {
+    if (c < 0x80) return c >= 'a' && c <= 'z' ? c - 32 : c;
+    const FoldRun* run = std::upper_bound(std::begin(kFoldRuns), std::end(kFoldRuns), c,
+                                          [](std::uint32_t value, const FoldRun& r) { return value < r.first; });
+    if (run == std::begin(kFoldRuns)) return c;
+    --run;
+    if (c > run->last || (c - run->first) % run->stride != 0) return c;
+    return static_cast<std::uint32_t>(static_cast<std::int64_t>(c) + run->delta);
+}
+
+} // namespace
+
+std::string foldedName(std::string_view name) {
+    std::string out;
+    out.reserve(name.size());
+    const auto* p = reinterpret_cast<const unsigned char*>(name.data());
+    const auto* const end = p + name.size();
+    while (p < end) {
+        if (*p < 0x80) {
+            out.push_back(static_cast<char>(foldCodePoint(*p++)));
+            continue;
+        }
+        const std::ptrdiff_t length = utf8SequenceLength(p, end);
+        std::uint32_t c = 0xFFFD;
+        if (length > 0) {
+            c = length == 2 ? (p[0] & 0x1Fu) : length == 3 ? (p[0] & 0x0Fu) : (p[0] & 0x07u);
+            for (std::ptrdiff_t i = 1; i < length; ++i) c = c << 6 | (p[i] & 0x3Fu);
+        }
+        p += length > 0 ? length : -length;
+        appendUtf8(out, foldCodePoint(c));
+    }
+    return out;
 }
 
 } // namespace sentrova

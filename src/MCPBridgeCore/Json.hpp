@@ -22,7 +22,10 @@ struct JsonMember;
 
 class Json {
 public:
-    enum class Type : std::uint8_t { null, boolean, integer, unsignedInteger, real, string, array, object };
+    // numberText is internal: a number read from text that is not a plain 64-bit integer keeps
+    // its own text (so ids, tokens and big integers can be written back with the client's
+    // digits); type() reports it as real.
+    enum class Type : std::uint8_t { null, boolean, integer, unsignedInteger, real, string, array, object, numberText };
 
     using Array = std::vector<Json>;
     using Object = std::vector<JsonMember>; // every member, in input order (duplicates kept)
@@ -50,7 +53,7 @@ public:
     static Json object();
     static Json object(Object members);
 
-    Type type() const noexcept { return type_; }
+    Type type() const noexcept { return type_ == Type::numberText ? Type::real : type_; }
     bool isNull() const noexcept { return type_ == Type::null; }
     bool isBool() const noexcept { return type_ == Type::boolean; }
     bool isString() const noexcept { return type_ == Type::string; }
@@ -65,6 +68,8 @@ public:
     std::int64_t intValue() const noexcept;     // only meaningful for integer
     std::uint64_t uintValue() const noexcept;   // only meaningful for unsignedInteger
     double realValue() const noexcept;          // only meaningful for real
+    // The number's own text when it was read from JSON and is not a plain 64-bit integer; else empty.
+    std::string_view numberText() const noexcept;
     // The numeric value of a number or boolean (true 1, false 0); nullopt for anything else.
     std::optional<double> numberValue() const noexcept;
 
@@ -115,6 +120,7 @@ struct JsonMember {
 inline void Json::moveFrom(Json&& other) noexcept {
     switch (other.type_) {
     case Type::string:
+    case Type::numberText:
         new (&s_) std::string(std::move(other.s_));
         other.s_.~basic_string();
         break;
@@ -147,14 +153,17 @@ std::optional<Json> parseJson(std::string_view text);
 
 struct JsonWriteOptions {
     bool escapeSlash = false; // write "/" as "\/" (only the tool pin input asks for this)
+    // Write every number read from text exactly as it was read (ids and progress tokens go back
+    // to the client in its own spelling); NaN and the infinities still fail.
+    bool verbatimNumbers = false;
 };
 
 // The canonical writer: compact, keys of every object sorted (see jsonKeyLess; duplicate keys
-// all written, in their order), UTF-8 unescaped. A real that is integral and below 2^53 in
-// magnitude is written as an integer (1.0 as 1, -0.0 as 0); other reals in the shortest text
-// that reads back to the same double. nullopt when the value holds a non-finite number or
-// nests deeper than kMaxWriteDepth containers, so that each caller's fallback applies.
-inline constexpr std::size_t kMaxWriteDepth = 512;
+// all written, in their order), UTF-8 unescaped, any depth (no recursion). Integers read from
+// text keep all their digits, however many; a real that is integral and below 2^53 in magnitude
+// is written as an integer (1.0 as 1, -0.0 as 0); other reals in the shortest text that reads
+// back to the same double. nullopt when the value holds a non-finite number (NaN, an infinity,
+// or a literal beyond the double range such as 1e400), so that each caller's fallback applies.
 std::optional<std::string> writeJson(const Json& value, JsonWriteOptions options = {});
 
 // Appends the canonical text of a string value (with its quotes) to out.
@@ -163,5 +172,11 @@ void appendJsonString(std::string& out, std::string_view text, JsonWriteOptions 
 // Sorted-key order of the canonical writer: case-insensitive comparison, runs of ASCII
 // digits compared by numeric value, remaining ties broken by plain byte order.
 bool jsonKeyLess(std::string_view a, std::string_view b) noexcept;
+
+// A member name under Unicode simple case folding, as Go's encoding/json matches names (the
+// last case-insensitive match wins there): two names that give the same text name the same
+// field for such a server ("Path" and "path", "\u00e9" and "\u00c9", U+212A KELVIN SIGN and "k").
+// Ill-formed UTF-8 counts as U+FFFD.
+std::string foldedName(std::string_view name);
 
 } // namespace sentrova

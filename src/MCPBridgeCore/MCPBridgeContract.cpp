@@ -61,7 +61,15 @@ BridgeDecision BridgeDecision::parse(std::string_view responseBody) {
     std::optional<Json> verdict = parseJson(responseBody);
     if (!verdict || !verdict->isObject() || verdict->objectValue().empty()) return unreadable();
 
-    const Json* decision = verdict->find("decision");
+    // A verdict that readers could take either way ("decision" twice, or also as "Decision",
+    // which a case-insensitive reader takes for it) is no verdict.
+    const Json* decision = nullptr;
+    static const std::string kFolded = foldedName("decision");
+    for (const JsonMember& member : verdict->objectValue()) {
+        if (member.key.size() < 8 || member.key.size() > 24 || foldedName(member.key) != kFolded) continue;
+        if (decision != nullptr || member.key != "decision") return unreadable();
+        decision = &member.value;
+    }
     if (decision == nullptr || !decision->isString()) return unreadable();
     if (decision->stringValue() == "allow") return allow();
 

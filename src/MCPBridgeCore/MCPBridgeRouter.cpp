@@ -3,10 +3,9 @@
 #include <cstdint>
 #include <utility>
 
-#include "MCPBridgeCore/AmbiguousCallGuard.hpp"
+#include "MCPBridgeCore/ClientLineReadings.hpp"
 #include "MCPBridgeCore/MCPWire.hpp"
 #include "MCPBridgeCore/RequestUUID.hpp"
-#include "MCPBridgeCore/SmuggledCallGuard.hpp"
 
 namespace sentrova {
 
@@ -39,16 +38,6 @@ private:
 bool isMethod(const Json& message, std::string_view method) {
     const Json* value = message.find("method");
     return value != nullptr && value->isString() && value->stringValue() == method;
-}
-
-// The gateway sees the call's arguments as canonical text; only containers are written.
-std::string argumentsText(const Json* arguments) {
-    if (arguments != nullptr && (arguments->isObject() || arguments->isArray())) {
-        if (std::optional<std::string> text = writeJson(*arguments)) {
-            return std::move(*text);
-        }
-    }
-    return "{}";
 }
 
 } // namespace
@@ -151,32 +140,22 @@ void MCPBridgeRouter::handleClientLine(std::string line, bool moreFollows) {
     } flushAtEnd{*this, !moreFollows};
 
     try {
-        std::optional<Json> message = parseJson(line);
-        const SmuggledCallGuard::Verdict smuggled = SmuggledCallGuard::inspect(line, message.has_value());
-        if (smuggled.smuggled) {
-            // A server that frames or decodes lines differently would run a tool call out of
-            // this line that the gateway never saw: refuse every call in it, relay nothing.
-            for (const Json& id : smuggled.ids) {
-                std::string answer = MCPWire::denyResult(id, denyMessage(kMalformedTool, kMalformedReason, false));
+        ClientLineReadings::Answer reading = ClientLineReadings::read(line);
+        if (!reading.message) {
+            // Some server could read something else out of this line than the bridge: relay
+            // nothing, and answer every request that any reading finds in it.
+            for (const ClientLineReadings::FoundRequest& request : reading.refused) {
+                std::string answer =
+                    request.toolCall ? MCPWire::denyResult(request.id, denyMessage(kMalformedTool, kMalformedReason, false))
+                                     : MCPWire::invalidRequest(request.id);
                 toClient(answer);
             }
             return;
         }
-        if (!message || !message->isObject()) {
-            message.reset(); // free the parsed copy before a large relay
+        std::optional<Json>& message = reading.message;
+        if (!message->isObject()) {
+            message.reset(); // a batch without a tool call; free the parsed copy before a large relay
             toServer(line);
-            return;
-        }
-
-        const AmbiguousCallGuard::Verdict verdict = AmbiguousCallGuard::inspect(*message);
-        if (verdict.ambiguous) {
-            // The bridge and the server might read different calls out of this line: never
-            // relay it. Without an id there is nobody to answer.
-            if (verdict.id != nullptr) {
-                std::string answer = MCPWire::denyResult(
-                    *verdict.id, denyMessage(kMalformedTool, kMalformedReason, /*pinChanged=*/false));
-                toClient(answer);
-            }
             return;
         }
 
@@ -226,14 +205,16 @@ void MCPBridgeRouter::handleServerLine(std::string line, bool moreFollows) {
         }
 
         const Json* id = message->find("id");
-        std::optional<std::string> key = id != nullptr ? MCPWire::idKey(*id) : std::nullopt;
-        if (key) {
+        const std::vector<std::string> keys = id != nullptr ? MCPWire::answerKeys(*id) : std::vector<std::string>();
+        if (!keys.empty()) {
             bool wasPending = false;
             bool wasForwarded = false;
             {
                 std::lock_guard<std::mutex> hold(stateLock_);
-                wasPending = pendingToolsListIDs_.erase(*key) > 0;
-                wasForwarded = forwardedToolCallIDs_.erase(*key) > 0;
+                for (const std::string& key : keys) { // every id spelling the client takes for its own
+                    wasPending = pendingToolsListIDs_.erase(key) > 0 || wasPending;
+                    wasForwarded = forwardedToolCallIDs_.erase(key) > 0 || wasForwarded;
+                }
             }
             const Json* result = message->find("result");
             const bool hasResultObject = result != nullptr && result->isObject();
@@ -292,6 +273,16 @@ void MCPBridgeRouter::interceptToolsCall(const Json& message, std::string rawLin
         toServer(rawLine);
         return;
     }
+    const MCPWire::ToolCallReading reading = MCPWire::readToolCall(message);
+    if (reading.outcome != MCPWire::ToolCallReading::Outcome::ask) {
+        // The gateway would decide on something else than what the server acts on, or the
+        // answer could not carry the client's id: refuse without asking.
+        if (reading.outcome == MCPWire::ToolCallReading::Outcome::refuse) {
+            std::string answer = MCPWire::denyResult(*id, denyMessage(kMalformedTool, kMalformedReason, false));
+            toClient(answer);
+        }
+        return;
+    }
     const Json* params = message.find("params");
     const Json* name = params != nullptr && params->isObject() ? params->find("name") : nullptr;
     if (name == nullptr || !name->isString()) {
@@ -300,9 +291,6 @@ void MCPBridgeRouter::interceptToolsCall(const Json& message, std::string rawLin
         return;
     }
     const std::string& tool = name->stringValue();
-    const Json* arguments = params->find("arguments");
-    const Json* meta = params->find("_meta");
-    const Json* progressToken = meta != nullptr && meta->isObject() ? meta->find("progressToken") : nullptr;
 
     auto call = std::make_shared<PendingCall>();
     call->id = *id;
@@ -334,7 +322,7 @@ void MCPBridgeRouter::interceptToolsCall(const Json& message, std::string rawLin
         query.provider = config_.provider;
         query.serverCommand = config_.serverCommand;
         query.tool = tool;
-        query.argumentsJSON = argumentsText(arguments);
+        query.argumentsJSON = reading.argumentsText;
         query.risk = pin ? pin->risk : BridgeRisk::caution;
         query.pinHash = pin ? pin->hash : std::string();
         query.pinChanged = status.pinChanged;
@@ -350,7 +338,7 @@ void MCPBridgeRouter::interceptToolsCall(const Json& message, std::string rawLin
             // Reported before the decision is asked, whatever the decision will be.
             gateway_->postEvent(BridgeEvent::pinViolation(config_.workerName, tool, *status.previous, query.pinHash));
         }
-        call->heartbeat = armHeartbeat(progressToken);
+        call->heartbeat = armHeartbeat(reading.progressToken);
         if (!gateway_) {
             finishCall(call, BridgeDecision::deny(std::string(GatewayDenyReason::noAnswer)));
             return;

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cmath>
 #include <string_view>
+#include <unordered_set>
 
 namespace sentrova::MCPWire {
 
@@ -56,6 +57,111 @@ std::string sha256Hex(std::string_view data) {
     return lowerHex(digest.data(), length);
 }
 
+// Ids and progress tokens go back to the client as it wrote them.
+constexpr JsonWriteOptions kEchoed{.verbatimNumbers = true};
+
+// Whether some object at any depth of value has two member names that Go's folding takes for one
+// (a Go server acts on the last of them, the gateway would see both).
+bool hasFoldedTwins(const Json& value) {
+    std::vector<const Json*> pending{&value};
+    std::unordered_set<std::string> seen;
+    while (!pending.empty()) {
+        const Json* current = pending.back();
+        pending.pop_back();
+        if (current->isArray()) {
+            for (const Json& element : current->arrayValue()) {
+                if (element.isArray() || element.isObject()) pending.push_back(&element);
+            }
+            continue;
+        }
+        const Json::Object& members = current->objectValue();
+        seen.clear();
+        for (const JsonMember& member : members) {
+            if (members.size() > 1 && !seen.insert(foldedName(member.key)).second) return true;
+            if (member.value.isArray() || member.value.isObject()) pending.push_back(&member.value);
+        }
+    }
+    return false;
+}
+
+bool isJavaScriptSpace(std::string_view text, std::size_t at, std::size_t& length) {
+    const unsigned char c = static_cast<unsigned char>(text[at]);
+    length = 1;
+    if (c == ' ' || (c >= 0x09 && c <= 0x0D)) return true;
+    for (std::string_view space : {"\xC2\xA0", "\xEF\xBB\xBF", "\xE1\x9A\x80", "\xE2\x80\xA8", "\xE2\x80\xA9",
+                                   "\xE2\x80\xAF", "\xE2\x81\x9F", "\xE3\x80\x80"}) {
+        if (text.substr(at, space.size()) == space) {
+            length = space.size();
+            return true;
+        }
+    }
+    // U+2000 to U+200A
+    if (text.substr(at, 2) == "\xE2\x80" && at + 2 < text.size() && static_cast<unsigned char>(text[at + 2]) <= 0x8A) {
+        length = 3;
+        return true;
+    }
+    return false;
+}
+
+// JavaScript's Number(string), where it gives a number (NaN gives nullopt).
+std::optional<double> javaScriptNumber(std::string_view text) {
+    std::size_t length = 0;
+    while (!text.empty() && isJavaScriptSpace(text, 0, length)) text.remove_prefix(length);
+    while (!text.empty()) {
+        std::size_t at = text.size() - 1;
+        while (at > 0 && (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80) --at;
+        if (!isJavaScriptSpace(text, at, length) || at + length != text.size()) break;
+        text.remove_suffix(length);
+    }
+    if (text.empty()) return 0.0;
+    if (text.size() > 2 && text[0] == '0' && std::string_view("xXoObB").find(text[1]) != std::string_view::npos) {
+        const int base = (text[1] == 'x' || text[1] == 'X') ? 16 : (text[1] == 'o' || text[1] == 'O') ? 8 : 2;
+        double value = 0;
+        for (char c : text.substr(2)) {
+            const char lower = static_cast<char>(c | 0x20);
+            const int digit = c >= '0' && c <= '9' ? c - '0' : lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : 99;
+            if (digit >= base) return std::nullopt;
+            value = value * base + digit;
+        }
+        return value;
+    }
+    const bool negative = text[0] == '-';
+    if (text[0] == '+' || text[0] == '-') text.remove_prefix(1);
+    if (text == "Infinity") return negative ? -HUGE_VAL : HUGE_VAL;
+    // StrUnsignedDecimalLiteral: digits, an optional fraction, an optional exponent.
+    std::size_t at = 0;
+    std::size_t digits = 0;
+    auto skipDigits = [&] {
+        while (at < text.size() && text[at] >= '0' && text[at] <= '9') ++at, ++digits;
+    };
+    skipDigits();
+    if (at < text.size() && text[at] == '.') {
+        ++at;
+        skipDigits();
+    }
+    if (digits == 0) return std::nullopt;
+    if (at < text.size() && (text[at] == 'e' || text[at] == 'E')) {
+        ++at;
+        if (at < text.size() && (text[at] == '+' || text[at] == '-')) ++at;
+        const std::size_t before = digits;
+        skipDigits();
+        if (digits == before) return std::nullopt;
+    }
+    if (at != text.size()) return std::nullopt;
+    double magnitude = 0;
+    const auto [last, error] = std::from_chars(text.data(), text.data() + text.size(), magnitude);
+    if (error == std::errc::result_out_of_range) {
+        // Beyond the double range: an infinity, unless every digit before the exponent is a zero
+        // or the exponent is negative (then it is a zero).
+        const std::size_t exponent = text.find_first_of("eE");
+        const bool tiny = exponent != std::string_view::npos && exponent + 1 < text.size() && text[exponent + 1] == '-';
+        magnitude = tiny ? 0.0 : HUGE_VAL;
+    } else if (error != std::errc() || last != text.data() + text.size()) {
+        return std::nullopt;
+    }
+    return negative ? -magnitude : magnitude;
+}
+
 bool isStringEqual(const Json* value, std::string_view expected) {
     return value != nullptr && value->isString() && value->stringValue() == expected;
 }
@@ -71,9 +177,49 @@ std::optional<std::string> idKey(const Json& id) {
     case Json::Type::real: return "n:" + realKeyText(id.realValue());
     case Json::Type::null:
     case Json::Type::array:
-    case Json::Type::object: return std::nullopt;
+    case Json::Type::object:
+    case Json::Type::numberText: return std::nullopt;
     }
     return std::nullopt;
+}
+
+std::vector<std::string> answerKeys(const Json& id) {
+    std::vector<std::string> keys;
+    if (std::optional<std::string> key = idKey(id)) keys.push_back(std::move(*key));
+    if (id.isString()) {
+        if (std::optional<double> number = javaScriptNumber(id.stringValue())) keys.push_back("n:" + realKeyText(*number));
+    }
+    return keys;
+}
+
+ToolCallReading readToolCall(const Json& message) {
+    ToolCallReading reading;
+    const Json* id = message.find("id");
+    if (id != nullptr && !writeJson(*id, kEchoed)) {
+        reading.outcome = ToolCallReading::Outcome::drop;
+        return reading;
+    }
+    const Json* params = message.find("params");
+    if (params == nullptr || !params->isObject()) return reading;
+    const Json* meta = params->find("_meta");
+    const Json* token = meta != nullptr && meta->isObject() ? meta->find("progressToken") : nullptr;
+    if (token != nullptr && token->isNumberLiteral()) {
+        if (!writeJson(*token, kEchoed)) return reading;
+        reading.progressToken = token;
+    } else if (token != nullptr && token->isString()) {
+        reading.progressToken = token;
+    }
+    const Json* arguments = params->find("arguments");
+    if (arguments == nullptr) {
+        reading.argumentsText = "{}";
+    } else {
+        if (!(arguments->isObject() || arguments->isArray()) || hasFoldedTwins(*arguments)) return reading;
+        std::optional<std::string> text = writeJson(*arguments);
+        if (!text) return reading; // NaN, an infinity or a number beyond the double range
+        reading.argumentsText = std::move(*text);
+    }
+    reading.outcome = ToolCallReading::Outcome::ask;
+    return reading;
 }
 
 std::optional<bool> readBoolean(const Json* value) {
@@ -117,7 +263,7 @@ std::optional<ImageBlock> firstImageBlock(const Json& result) {
 std::string denyResult(const Json& id, const std::string& message) {
     // The id is written on its own rather than copied into a message object: it is the
     // client's value and may nest deeply.
-    std::optional<std::string> idText = writeJson(id);
+    std::optional<std::string> idText = writeJson(id, kEchoed);
     if (!idText) return std::string(kDenyFallback);
     std::string out;
     out.reserve(idText->size() + message.size() + 96);
@@ -129,8 +275,16 @@ std::string denyResult(const Json& id, const std::string& message) {
     return out;
 }
 
+std::string invalidRequest(const Json& id) {
+    std::optional<std::string> idText = writeJson(id, kEchoed);
+    std::string out = R"({"error":{"code":-32600,"message":"Invalid Request"},"id":)";
+    out += idText ? *idText : "null";
+    out += R"(,"jsonrpc":"2.0"})";
+    return out;
+}
+
 std::string progressNotification(const Json& progressToken, std::int64_t progress, const std::string& message) {
-    std::optional<std::string> tokenText = writeJson(progressToken);
+    std::optional<std::string> tokenText = writeJson(progressToken, kEchoed);
     if (!tokenText) return std::string(kProgressFallback);
     std::string out;
     out.reserve(tokenText->size() + message.size() + 112);

@@ -265,6 +265,8 @@ TEST(FaultTests, EveryGatewayFailureDeniesAndNothingReachesTheServer) {
     garbageBody.answerQueries({200, "<html>allow</html>", {}});
     TestGateway emptyBody;
     emptyBody.answerQueries({200, "", {}});
+    TestGateway hugeBody; // an allow, but longer than any verdict may be
+    hugeBody.answerQueries({200, R"({"decision":"allow","pad":")" + std::string(2 << 20, 'x') + "\"}", {}});
     RawGateway reset(RawGateway::Behaviour::resetMidAnswer);
     RawGateway garbage(RawGateway::Behaviour::garbage);
     RawGateway hang(RawGateway::Behaviour::hang);
@@ -281,6 +283,7 @@ TEST(FaultTests, EveryGatewayFailureDeniesAndNothingReachesTheServer) {
         {"status 500", failing500.origin(), "did not answer in time", 20},
         {"garbage body", garbageBody.origin(), "unreadable verdict", 20},
         {"empty body", emptyBody.origin(), "unreadable verdict", 20},
+        {"answer over 1 MiB", hugeBody.origin(), "unreadable verdict", 20},
         {"reset mid-answer", reset.origin(), "did not answer in time", 20},
         {"not HTTP", garbage.origin(), "did not answer in time", 20},
         {"hanging", hang.origin(), "timed out", 1.0},

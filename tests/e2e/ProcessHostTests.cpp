@@ -193,11 +193,11 @@ TEST(ProcessHostTests, LinesWrittenJustBeforeTheServerExitsAreAllDelivered) {
 TEST(ProcessHostTests, FramingInBothDirections) {
     const std::string record = temporaryPath("framing");
     auto bridge = startWithScript({"--record", record, "--serve", "--stdout", "from server\r\n\n\nno newline at end"});
-    // Empty lines are dropped, CR is kept, non-JSON is relayed, the last line needs no LF.
-    bridge->write("\n\nplain text\r\n\n" + notification("x") + "\nlast line without newline");
+    // Empty lines are dropped, CR is kept, the last line needs no LF (non-JSON goes only to the client).
+    bridge->write("\n\n" + notification("a") + "\r\n\n" + notification("x") + "\n" + notification("z"));
     bridge->closeInput();
     EXPECT_EQ(bridge->waitExitCode(), 0);
-    EXPECT_EQ(readFile(record), "plain text\r\n" + notification("x") + "\nlast line without newline\n");
+    EXPECT_EQ(readFile(record), notification("a") + "\r\n" + notification("x") + "\n" + notification("z") + "\n");
     EXPECT_TRUE(bridge->output().waitForEnd(defaultTimeout));
     EXPECT_EQ(bridge->output().text(), "from server\r\nno newline at end\n");
 }

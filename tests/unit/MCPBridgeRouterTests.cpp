@@ -11,7 +11,6 @@
 #include <thread>
 #include <vector>
 
-#include "MCPBridgeCore/AmbiguousCallGuard.hpp"
 #include "MCPBridgeCore/BridgeScheduler.hpp"
 #include "MCPBridgeCore/MCPBridgeRouter.hpp"
 #include "MCPBridgeCore/MCPWire.hpp"
@@ -165,7 +164,7 @@ protected:
 
 } // namespace
 
-TEST_F(MCPBridgeRouterTests, RelaysUnreadableLinesBatchesAndScalarsByteForByte) {
+TEST_F(MCPBridgeRouterTests, RelaysUnreadableServerLinesButOnlyWholeClientMessages) {
     const Lines lines = {
         "server log line, not JSON\r",
         R"([{"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"x"}}])",
@@ -179,7 +178,9 @@ TEST_F(MCPBridgeRouterTests, RelaysUnreadableLinesBatchesAndScalarsByteForByte) 
         router->handleServerLine(line);
         expected.push_back(line + "\n");
     }
-    EXPECT_EQ(server.all(), expected);
+    // From the client only the one whole message goes on; the batch's call is answered.
+    expected.insert(expected.begin() + 1, malformedDeny(Json::integer(1)));
+    EXPECT_EQ(server.all(), Lines{lines.back() + "\n"});
     EXPECT_EQ(client.all(), expected);
     EXPECT_TRUE(gateway->queries.empty());
 }
@@ -199,10 +200,11 @@ TEST_F(MCPBridgeRouterTests, CapturesToolListsBeforeTheAnswerIsWrittenAndMatches
     router->handleServerLine(R"({"jsonrpc":"2.0","id":5,"result":{"tools":[{"name":"late"}]}})");
     EXPECT_FALSE(pinned("late"));
 
-    // {request id, answer id, captured?}: string and number never match; 1.0 is 1; null matches nothing.
+    // {request id, answer id, captured?}: an answer counts under every id the client takes for its
+    // request (clients match by Number(id)); 1.0 is 1; null matches nothing.
     const std::vector<std::tuple<std::string, std::string, bool>> pairs = {
-        {R"("7")", "7", false}, {"8", R"("8")", false}, {R"("9")", R"("9")", true},
-        {"1.0", "1", true},     {"null", "null", false},
+        {R"("7")", "7", false}, {"8", R"("8")", true}, {R"("9")", R"("9")", true},
+        {"1.0", "1", true},     {"null", "null", false}, {"12", R"(" 1.2e1")", true}, {"13", R"("13x")", false},
     };
     int index = 0;
     for (const auto& [asked, answered, captured] : pairs) {
@@ -212,6 +214,9 @@ TEST_F(MCPBridgeRouterTests, CapturesToolListsBeforeTheAnswerIsWrittenAndMatches
                                  R"("}]}})");
         EXPECT_EQ(pinned(name), captured) << asked << " / " << answered;
     }
+    // A schema of any depth gets a real pin.
+    list("11", R"([{"name":"deep","inputSchema":)" + std::string(600, '[') + std::string(600, ']') + "}]");
+    EXPECT_EQ(router->pinTable().pin("deep").value_or(ToolPinTable::ToolPin{}).hash.size(), 64u);
     // A list with a non-object captures nothing.
     list("10", R"([{"name":"mixed"},"x"])");
     EXPECT_FALSE(pinned("mixed"));
@@ -262,10 +267,10 @@ TEST_F(MCPBridgeRouterTests, DenyMessagesWithoutAReasonOrWithAPinChange) {
 }
 
 TEST_F(MCPBridgeRouterTests, QueriesCarryIdentityAndCanonicalArguments) {
-    for (const char* arguments : {"", R"(,"arguments":null)", R"(,"arguments":"s")", R"(,"arguments":4)"}) {
+    for (const char* arguments : {"", R"(,"arguments":{})"}) {
         call("2", "fetch", arguments);
     }
-    ASSERT_EQ(gateway->queries.size(), 4u);
+    ASSERT_EQ(gateway->queries.size(), 2u);
     for (const auto& query : gateway->queries) EXPECT_EQ(query.argumentsJSON, "{}");
     const BridgeToolCallQuery& q = gateway->queries[0];
     EXPECT_EQ(q.workerName, "worker-7");
@@ -322,23 +327,21 @@ TEST_F(MCPBridgeRouterTests, HeartbeatsEchoTheTokenAndCountFromOnePerCall) {
     EXPECT_TRUE(cancelledBeforeAnswer);
     EXPECT_EQ(scheduler->timers.back().interval, 15.0);
     call("2", "t", R"(,"_meta":{"progressToken":7})");
-    call("3", "t", R"(,"_meta":{"progressToken":true})");
     const Lines writes = client.all();
     // The deny answers the first call; the allowed ones go to the server. Each call counts from 1.
-    ASSERT_EQ(writes.size(), 7u);
+    ASSERT_EQ(writes.size(), 5u);
     EXPECT_EQ(writes, (Lines{heartbeatLine(Json::string("abc"), 1), heartbeatLine(Json::string("abc"), 2),
-                             writes[2], heartbeatLine(Json::integer(7), 1), heartbeatLine(Json::integer(7), 2),
-                             heartbeatLine(Json::boolean(true), 1), heartbeatLine(Json::boolean(true), 2)}));
+                             writes[2], heartbeatLine(Json::integer(7), 1), heartbeatLine(Json::integer(7), 2)}));
     EXPECT_NE(writes[0].find(R"("progress":1,"progressToken":"abc"}})"), std::string::npos);
     EXPECT_TRUE(scheduler->allCancelled());
 
     // Unusable tokens arm nothing.
-    for (const char* meta : {R"(,"_meta":{"progressToken":null})", R"(,"_meta":{"progressToken":{}})",
+    for (const char* meta : {R"(,"_meta":{"progressToken":null})", R"(,"_meta":{"progressToken":{}})", R"(,"_meta":{"progressToken":true})",
                              R"(,"_meta":{"progressToken":[1]})", R"(,"_meta":{})", R"(,"_meta":"abc")", ""}) {
         call("4", "t", meta);
     }
-    EXPECT_EQ(scheduler->timers.size(), 3u);
-    EXPECT_EQ(client.all().size(), 7u);
+    EXPECT_EQ(scheduler->timers.size(), 2u);
+    EXPECT_EQ(client.all().size(), 5u);
 }
 
 TEST_F(MCPBridgeRouterTests, PendingDecisionsHoldNothingBackAndCancelledCallsNeverRun) {
@@ -421,20 +424,6 @@ TEST_F(MCPBridgeRouterTests, AmbiguousToolCallsAreNeverRelayed) {
     const std::string list = R"({"jsonrpc":"2.0","id":9,"Method":"tools/list","params":{"name":"a","NAME":"b"}})";
     router->handleClientLine(list);
     EXPECT_EQ(server.all(), Lines{list + "\n"});
-}
-
-TEST(AmbiguousCallGuardTests, FoldsNamesTheWayGoMatchesStructFields) {
-    using AmbiguousCallGuard::foldsTo;
-    // U+017F long s and U+212A Kelvin sign fold; U+0130 and U+0131 have no simple folding to "i".
-    for (auto [name, field] : {std::pair{"PARAMS", "params"}, {"param\xC5\xBF", "params"}, {"\xE2\x84\xAA", "k"},
-                               {"_Meta", "_meta"}}) {
-        EXPECT_TRUE(foldsTo(name, field)) << name;
-    }
-    for (auto [name, field] : {std::pair{"params", "param"}, {"param", "params"}, {"\xC4\xB0" "D", "id"},
-                               {"\xC4\xB1" "d", "id"}, {"\xC5\xBF", "k"}, {"", "id"}}) {
-        EXPECT_FALSE(foldsTo(name, field)) << name;
-    }
-    EXPECT_FALSE(AmbiguousCallGuard::inspect(parsed(R"({"id":1,"method":"tools/call","params":{"name":"x"}})")).ambiguous);
 }
 
 TEST(RequestUUIDTests, VersionAndVariantBitsAreSet) {

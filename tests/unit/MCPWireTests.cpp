@@ -3,7 +3,10 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <cstring>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "MCPBridgeCore/Json.hpp"
 #include "MCPBridgeCore/MCPWire.hpp"
@@ -24,8 +27,6 @@ Json parsedValue(const std::string& text) {
     return value != nullptr ? *value : Json();
 }
 
-Json nestedArrays(std::size_t depth) { return parsed(std::string(depth, '[') + std::string(depth, ']')); }
-
 TEST(MCPWireIdKeyTests, StringsAndNumbersNeverShareAKey) {
     EXPECT_EQ(MCPWire::idKey(Json::string("7")), "s:7");
     EXPECT_EQ(MCPWire::idKey(Json::string("")), "s:");
@@ -45,6 +46,13 @@ TEST(MCPWireIdKeyTests, StringsAndNumbersNeverShareAKey) {
     EXPECT_EQ(MCPWire::idKey(Json::null()), std::nullopt);
     EXPECT_EQ(MCPWire::idKey(parsedValue("[1]")), std::nullopt);
     EXPECT_EQ(MCPWire::idKey(parsedValue(R"({"id":1})")), std::nullopt);
+    // An answer's id also counts as the number JavaScript's Number() reads in a string.
+    for (const auto& [id, keys] : std::vector<std::pair<std::string, std::vector<std::string>>>{
+             {"1", {"n:1"}}, {R"("1")", {"s:1", "n:1"}}, {R"(" 1.0 ")", {"s: 1.0 ", "n:1"}}, {R"("0x10")", {"s:0x10", "n:16"}},
+             {R"("")", {"s:", "n:0"}}, {R"("1e999")", {"s:1e999", "n:inf"}}, {R"(".5")", {"s:.5", "n:0.5"}},
+             {R"("1x")", {"s:1x"}}, {R"("0x")", {"s:0x"}}, {R"("e5")", {"s:e5"}}, {"null", {}}}) {
+        EXPECT_EQ(MCPWire::answerKeys(parsedValue(id)), keys) << id;
+    }
 }
 
 TEST(MCPWireRiskFloorTests, HintsCombineIntoRisk) {
@@ -98,7 +106,47 @@ TEST(MCPWireDenyResultTests, ExactBytesAndFallback) {
     const std::string fallback = R"({"jsonrpc":"2.0","result":{"isError":true}})";
     EXPECT_EQ(MCPWire::denyResult(Json::real(std::nan("")), "x"), fallback);
     EXPECT_EQ(MCPWire::denyResult(Json::real(std::numeric_limits<double>::infinity()), "x"), fallback);
-    EXPECT_EQ(MCPWire::denyResult(nestedArrays(kMaxWriteDepth + 10), "x"), fallback);
+    EXPECT_EQ(MCPWire::denyResult(parsedValue("NaN"), "x"), fallback);
+    // Numbers go back with the client's own digits.
+    for (const char* id : {"1e400", "100000000000000000001", "1.50", "-0.0", "[2E1]"}) {
+        EXPECT_EQ(MCPWire::denyResult(parsedValue(id), "x").substr(0, 6 + std::strlen(id)), std::string(R"({"id":)") + id);
+        EXPECT_NE(MCPWire::invalidRequest(parsedValue(id)).find(std::string(R"("id":)") + id + ","), std::string::npos);
+    }
+}
+
+TEST(MCPWireToolCallTests, OnlyCallsTheGatewayCanSeeFaithfullyAreAsked) {
+    using Outcome = MCPWire::ToolCallReading::Outcome;
+    const std::vector<std::tuple<std::string, Outcome, std::string>> rows = {
+        {R"("id":1,"params":{"name":"t"})", Outcome::ask, "{}"},
+        {R"("id":1,"params":{"name":"t","arguments":{"n":100000000000000000001,"b":[1.50,-0]}})", Outcome::ask,
+         R"({"b":[1.5,0],"n":100000000000000000001})"},
+        {R"("id":1,"params":{"name":"t","arguments":[]})", Outcome::ask, "[]"},
+        {R"("id":1,"params":{"name":"t","arguments":null})", Outcome::refuse, ""},
+        {R"("id":1,"params":{"name":"t","arguments":"{}"})", Outcome::refuse, ""},
+        {R"("id":1,"params":{"name":"t","arguments":{"a":[{"x":NaN}]}})", Outcome::refuse, ""},
+        {R"("id":1,"params":{"name":"t","arguments":{"a":1e400}})", Outcome::refuse, ""},
+        {R"("id":1,"params":{"name":"t","arguments":{"a":-Infinity}})", Outcome::refuse, ""},
+        {R"("id":1,"params":{"name":"t","arguments":{"path":"/safe","Path":"/etc/shadow"}})", Outcome::refuse, ""},
+        {R"("id":1,"params":{"name":"t","arguments":[{"é":1,"É":2}]})", Outcome::refuse, ""},
+        {R"("id":1,"params":{"name":"t","arguments":{"k":1,"K":2}})", Outcome::refuse, ""},
+        {R"("id":1,"params":{"name":"t","arguments":{"i":1,"İ":2,"ı":3}})", Outcome::ask, R"({"i":1,"İ":2,"ı":3})"},
+        {R"("id":1,"params":{"name":"t","_meta":{"progressToken":NaN}})", Outcome::refuse, ""},
+        {R"("id":NaN,"params":{"name":"t"})", Outcome::drop, ""},
+        {R"("id":[Infinity],"params":{"name":"t"})", Outcome::drop, ""},
+    };
+    for (const auto& [members, outcome, arguments] : rows) {
+        const Json message = parsed("{" + members + "}");
+        const MCPWire::ToolCallReading reading = MCPWire::readToolCall(message);
+        EXPECT_EQ(reading.outcome, outcome) << members;
+        if (outcome == Outcome::ask) {
+            EXPECT_EQ(reading.argumentsText, arguments) << members;
+        }
+    }
+    // Only strings and numbers are tokens to echo.
+    for (const auto& [token, echoed] : {std::pair{"\"a\"", true}, {"1e2", true}, {"true", false}, {"null", false}}) {
+        const Json message = parsed(R"({"id":1,"params":{"name":"t","_meta":{"progressToken":)" + std::string(token) + "}}}");
+        EXPECT_EQ(MCPWire::readToolCall(message).progressToken != nullptr, echoed) << token;
+    }
 }
 
 TEST(MCPWireProgressTests, ExactBytesAndFallback) {
@@ -112,7 +160,9 @@ TEST(MCPWireProgressTests, ExactBytesAndFallback) {
     const std::string fallback = R"({"jsonrpc":"2.0","method":"notifications/progress"})";
     EXPECT_EQ(MCPWire::progressNotification(Json::real(-std::numeric_limits<double>::infinity()), 1, "m"),
               fallback);
-    EXPECT_EQ(MCPWire::progressNotification(nestedArrays(kMaxWriteDepth + 10), 1, "m"), fallback);
+    EXPECT_EQ(MCPWire::progressNotification(parsedValue("Infinity"), 1, "m"), fallback);
+    EXPECT_NE(MCPWire::progressNotification(parsedValue("100000000000000000001"), 1, "m").find(":100000000000000000001}"),
+              std::string::npos);
 }
 
 TEST(MCPWirePinHashTests, WorkedDefinitionsPinToKnownDigests) {
@@ -147,13 +197,13 @@ TEST(MCPWirePinHashTests, PinFollowsOnlyThePinnedValues) {
               base);
 }
 
-TEST(MCPWirePinHashTests, UnwritableDefinitionsGiveTheEmptyPin) {
+TEST(MCPWirePinHashTests, OnlyUnwritableDefinitionsGiveTheEmptyPin) {
     EXPECT_EQ(MCPWire::pinHash(parsed(R"({"name":"t","inputSchema":{"default":NaN}})")), "");
 
-    // A deeply nested schema must neither crash nor produce a pin.
+    // A schema of any depth is pinned.
     EXPECT_EQ(MCPWire::pinHash(parsed(R"({"name":"t","inputSchema":)" + std::string(200000, '[') +
-                                      std::string(200000, ']') + "}")),
-              "");
+                                      std::string(200000, ']') + "}")).size(),
+              64u);
 }
 
 } // namespace
