@@ -101,9 +101,6 @@ std::optional<std::string> loopbackAddress(std::string_view host) {
 std::variant<DevGatewayOptions, DevGatewayOptionsError> parseDevGatewayOptions(
     const std::vector<std::string>& args, const std::map<std::string, std::string>& env) {
     DevGatewayOptions options;
-    if (auto token = env.find("SENTROVA_GATEWAY_TOKEN"); token != env.end() && !token->second.empty()) {
-        options.token = token->second;
-    }
     for (std::size_t i = 0; i < args.size(); ++i) {
         std::string word = args[i];
         if (word == "--help" || word == "-h") {
@@ -171,6 +168,13 @@ std::variant<DevGatewayOptions, DevGatewayOptionsError> parseDevGatewayOptions(
     }
     if (options.token && options.tokenFile) {
         return DevGatewayOptionsError{"--token and --token-file exclude each other"};
+    }
+    if (auto token = env.find("SENTROVA_GATEWAY_TOKEN");
+        !options.token && !options.tokenFile && token != env.end() && !token->second.empty()) {
+        if (auto problem = tokenProblem(token->second)) {
+            return DevGatewayOptionsError{"SENTROVA_GATEWAY_TOKEN " + *problem};
+        }
+        options.token = token->second;
     }
     return options;
 }
