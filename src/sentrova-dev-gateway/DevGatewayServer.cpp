@@ -1,10 +1,12 @@
 #include "sentrova-dev-gateway/DevGatewayServer.hpp"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <limits>
 #include <map>
 #include <vector>
 
@@ -196,7 +198,9 @@ private:
     void readHeader() {
         parser_.emplace();
         parser_->header_limit(static_cast<std::uint32_t>(gateway_.limits.maxHeaderBytes));
-        parser_->body_limit(gateway_.limits.maxBodyBytes);
+        // The body's limit is set once the headers passed their checks, so that a request with
+        // a huge Content-Length and no token is refused as unauthorised.
+        parser_->body_limit(std::numeric_limits<std::uint64_t>::max());
         stream_.expires_after(std::chrono::duration_cast<Clock::duration>(
             std::chrono::duration<double>(gateway_.limits.idleSeconds)));
         http::async_read_header(stream_, buffer_, *parser_,
@@ -243,6 +247,7 @@ private:
         } else if (!parser_->is_done()) {
             return refuse(400, "only POST requests carry a body");
         }
+        parser_->body_limit(gateway_.limits.maxBodyBytes);
         if (sameTextIgnoringCase(trimmed(request[http::field::expect]), "100-continue") && !parser_->is_done()) {
             return asio::async_write(stream_, asio::buffer(kContinue.data(), kContinue.size()),
                                      [self = shared_from_this()](beast::error_code e, std::size_t) {
@@ -540,9 +545,28 @@ private:
         stream_.expires_after(std::chrono::duration_cast<Clock::duration>(
             std::chrono::duration<double>(gateway_.limits.idleSeconds)));
         http::async_write(stream_, response_, [self = shared_from_this()](beast::error_code error, std::size_t) {
-            if (error || !self->keepAlive_) return self->close();
+            if (error) return self->close();
+            if (!self->keepAlive_) return self->lingerThenClose();
             self->path_.clear();
             self->readHeader();
+        });
+    }
+
+    // Closing at once with unread bytes (a refused body) would reset the connection, and the
+    // reset can destroy the answer before the client reads it. So the gateway stops sending,
+    // reads and drops what still comes for at most a second, then closes.
+    void lingerThenClose() {
+        beast::error_code ignored;
+        stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
+        stream_.expires_after(std::chrono::seconds(1));
+        drain(256 * 1024);
+    }
+
+    void drain(std::size_t budget) {
+        stream_.async_read_some(asio::buffer(drained_), [self = shared_from_this(), budget](beast::error_code error,
+                                                                                           std::size_t count) {
+            if (error || count >= budget) return self->close();
+            self->drain(budget - count);
         });
     }
 
@@ -560,6 +584,7 @@ private:
     std::string target_;
     std::string path_;
     bool keepAlive_ = true;
+    std::array<char, 16384> drained_{};
 
     // The waiting call or poll, if any.
     asio::steady_timer timer_;
