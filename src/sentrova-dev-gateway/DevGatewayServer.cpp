@@ -273,7 +273,7 @@ private:
 
     void route() {
         const http::verb method = parser_->get().method();
-        const bool get = method == http::verb::get || method == http::verb::head;
+        const bool get = method == http::verb::get;
         if (path_ == "/" || path_ == "/index.html" || path_ == "/page.js" || path_ == "/page.css") {
             if (!get) return respond(405, errorBody("method not allowed"));
             return servePage();

@@ -48,13 +48,20 @@ std::map<std::string, std::string> environmentCopy() {
 // SIGINT and SIGTERM end the gateway, SIGHUP reopens the audit log (after log rotation), all
 // through a thread of its own, so that nothing runs inside a signal handler. Every audit line
 // is already on disk when the process ends: each is one write.
-void handleSignals(sentrova::DevGatewayServer& server, std::shared_ptr<sentrova::DevGatewayAuditLog> auditLog) {
+// The signals are blocked first thing in main, before any thread exists, so that every
+// thread inherits the mask and only the waiting thread ever takes them (a SIGHUP delivered to
+// another thread would end the process).
+sigset_t handledSignals() {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGHUP);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    return signals;
+}
+
+void handleSignals(sentrova::DevGatewayServer& server, std::shared_ptr<sentrova::DevGatewayAuditLog> auditLog) {
+    const sigset_t signals = handledSignals();
     std::thread([signals, &server, auditLog] {
         for (;;) {
             int received = 0;
@@ -93,6 +100,8 @@ void hideTokenArgument(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
+    const sigset_t signals = handledSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     const std::vector<std::string> args(argv + 1, argv + argc);
     const auto parsed = sentrova::parseDevGatewayOptions(args, environmentCopy());
     if (const auto* error = std::get_if<sentrova::DevGatewayOptionsError>(&parsed)) {
