@@ -327,6 +327,10 @@ private:
             return respond(200, jsonText(gateway_.pendingList(), R"({"pending":[]})"));
         }
         waiting_ = Waiting::poll;
+        // A page polls again on the same connection: keep one entry per live session.
+        std::erase_if(gateway_.pollers, [this](const std::weak_ptr<Session>& poller) {
+            return poller.expired() || poller.lock().get() == this;
+        });
         gateway_.pollers.push_back(weak_from_this());
         armTimer(gateway_.limits.pollSeconds, [](Session& self) { self.answerPoll(); });
     }
