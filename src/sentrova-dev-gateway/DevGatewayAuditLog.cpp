@@ -8,7 +8,10 @@
 #include <filesystem>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include "sentrova-dev-gateway/DevGatewayPinStore.hpp"
 
 namespace sentrova {
 
@@ -109,7 +112,7 @@ std::string imageExtension(std::string_view mimeType) {
                                                     {"image/gif", "gif"},
                                                     {"image/webp", "webp"},
                                                     {"image/bmp", "bmp"},
-                                                    {"image/svg+xml", "svg"}}};
+                                                    {"image/x-icon", "ico"}}};
     for (const Known& entry : known) {
         if (entry.mimeType == mimeType) {
             return std::string(entry.extension);
@@ -118,14 +121,26 @@ std::string imageExtension(std::string_view mimeType) {
     return "bin";
 }
 
-DevGatewayAuditLog::DevGatewayAuditLog(std::string path, std::string directory, int fd)
-    : path_(std::move(path)), directory_(std::move(directory)), fd_(fd) {}
+DevGatewayAuditLog::DevGatewayAuditLog(std::string path, std::string directory, int fd, unsigned long long budget,
+                                       unsigned long long used)
+    : path_(std::move(path)), directory_(std::move(directory)), fd_(fd), screenshotBudget_(budget),
+      screenshotBytes_(used) {}
 
 DevGatewayAuditLog::~DevGatewayAuditLog() {
     ::close(fd_);
 }
 
-DevGatewayAuditLog::OpenResult DevGatewayAuditLog::open(const std::string& path) {
+namespace {
+
+int openLogFile(const std::string& path) {
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+}
+
+constexpr std::string_view kUnwritable = "not representable as JSON (a non-finite number or nesting deeper than 512)";
+
+} // namespace
+
+DevGatewayAuditLog::OpenResult DevGatewayAuditLog::open(const std::string& path, unsigned long long screenshotBudget) {
     std::error_code error;
     const std::filesystem::path absolute = std::filesystem::absolute(path, error);
     if (error) {
@@ -136,29 +151,97 @@ DevGatewayAuditLog::OpenResult DevGatewayAuditLog::open(const std::string& path)
     if (error) {
         return "audit log " + path + ": cannot create its directory: " + error.message();
     }
-    const int fd = ::open(absolute.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    const int fd = openLogFile(absolute.string());
     if (fd < 0) {
         return "audit log " + path + ": " + std::strerror(errno);
     }
-    return std::unique_ptr<DevGatewayAuditLog>(new DevGatewayAuditLog(absolute.string(), directory.string(), fd));
+    // Images from earlier runs count against the budget: the gateway may run for weeks.
+    unsigned long long used = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+        std::error_code ignored;
+        if (entry.path().filename().string().rfind("screenshot-", 0) == 0 && entry.is_regular_file(ignored)) {
+            used += entry.file_size(ignored);
+        }
+    }
+    return std::unique_ptr<DevGatewayAuditLog>(
+        new DevGatewayAuditLog(absolute.string(), directory.string(), fd, screenshotBudget, used));
 }
 
-void DevGatewayAuditLog::append(Json::Object members) {
+bool DevGatewayAuditLog::append(Json::Object members) {
     members.push_back({"time", Json::string(auditTimestamp(std::chrono::system_clock::now()))});
-    std::optional<std::string> line = writeJson(Json::object(std::move(members)));
+    std::optional<std::string> line = writeJson(Json::object(members));
     if (!line) {
-        line = R"({"error":"record could not be written as JSON"})";
+        // Keep every member that can be written, so the record still says what happened.
+        for (JsonMember& member : members) {
+            if (!writeJson(Json::array({member.value}))) {
+                member.value = Json::string(std::string(kUnwritable));
+            }
+        }
+        line = writeJson(Json::object(std::move(members)));
+        if (!line) {
+            return false;
+        }
     }
     line->push_back('\n');
     // One write per line under the lock, so concurrent requests never interleave lines.
     const std::lock_guard<std::mutex> guard(writeLock_);
-    (void)writeAll(fd_, *line);
+    struct stat before {};
+    const bool sized = ::fstat(fd_, &before) == 0;
+    if (writeAll(fd_, *line)) {
+        if (failing_) {
+            failing_ = false;
+            std::fprintf(stderr, "sentrova-dev-gateway: the audit log %s can be written again\n", path_.c_str());
+        }
+        return true;
+    }
+    const int problem = errno;
+    // A line cut short (disk full) is taken back, so that the next line is not glued to it;
+    // when even that fails, the next line starts on a line of its own.
+    if (!sized || ::ftruncate(fd_, before.st_size) != 0) {
+        (void)writeAll(fd_, "\n");
+    }
+    if (!failing_) {
+        failing_ = true;
+        std::fprintf(stderr,
+                     "sentrova-dev-gateway: cannot write the audit log %s (%s): denying every call until it can\n",
+                     path_.c_str(), std::strerror(problem));
+    }
+    return false;
+}
+
+bool DevGatewayAuditLog::reopen() {
+    const int fd = openLogFile(path_);
+    if (fd < 0) {
+        std::fprintf(stderr, "sentrova-dev-gateway: cannot reopen the audit log %s (%s): keeping the old file\n",
+                     path_.c_str(), std::strerror(errno));
+        return false;
+    }
+    const std::lock_guard<std::mutex> guard(writeLock_);
+    ::close(fd_);
+    fd_ = fd;
+    return true;
 }
 
 DevGatewayAuditLog::SavedImage DevGatewayAuditLog::saveScreenshot(std::string_view base64, std::string_view mimeType) {
+    // The decoded size is known from the digits alone, so an oversized image is never decoded.
+    std::size_t digits = 0;
+    for (char c : base64) {
+        digits += (c != ' ' && c != '\t' && c != '\r' && c != '\n' && c != '=') ? 1 : 0;
+    }
+    if (digits / 4 * 3 + (digits % 4 == 0 ? 0 : digits % 4 - 1) > kMaxScreenshotBytes) {
+        return {{}, "the image is larger than 16 MiB"};
+    }
     const std::optional<std::string> bytes = decodeBase64(base64);
     if (!bytes) {
         return {{}, "the image data is not valid base64"};
+    }
+    {
+        const std::lock_guard<std::mutex> guard(writeLock_);
+        if (screenshotBytes_ + bytes->size() > screenshotBudget_) {
+            return {{}, "the screenshot budget of " + std::to_string(screenshotBudget_) +
+                            " bytes is used up (--screenshot-budget)"};
+        }
+        screenshotBytes_ += bytes->size(); // reserved before writing, so parallel saves cannot overshoot
     }
     const unsigned counter = ++screenshotCounter_;
     std::array<char, 16> number{};
@@ -166,14 +249,10 @@ DevGatewayAuditLog::SavedImage DevGatewayAuditLog::saveScreenshot(std::string_vi
     const std::string name = "screenshot-" + fileTimestamp(std::chrono::system_clock::now()) + "-" + number.data() +
                              "." + imageExtension(mimeType);
     const std::string path = (std::filesystem::path(directory_) / name).string();
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        return {{}, "cannot create " + path + ": " + std::strerror(errno)};
-    }
-    const bool written = writeAll(fd, *bytes);
-    const bool closed = ::close(fd) == 0;
-    if (!written || !closed) {
-        return {{}, "cannot write " + path};
+    if (auto problem = writeFileAtomically(path, *bytes)) {
+        const std::lock_guard<std::mutex> guard(writeLock_);
+        screenshotBytes_ -= bytes->size();
+        return {{}, *problem};
     }
     return {path, {}};
 }

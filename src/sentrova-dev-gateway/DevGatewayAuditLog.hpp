@@ -2,7 +2,8 @@
 
 // The dev gateway's audit trail: one JSON object per line (JSON Lines), appended for every
 // question, event and refused request, each with the time it was written. Screenshot
-// images are decoded and saved as files in the log's directory.
+// images are decoded and saved as files in the log's directory, within a size budget.
+// The log, and every image, is created readable by the owner only.
 
 #include <atomic>
 #include <chrono>
@@ -32,8 +33,11 @@ class DevGatewayAuditLog {
 public:
     using OpenResult = std::variant<std::unique_ptr<DevGatewayAuditLog>, std::string>;
 
+    inline static constexpr std::size_t kMaxScreenshotBytes = 16u * 1024u * 1024u;
+
     // Opens (creating when needed) the log file for appending; the error names the file.
-    static OpenResult open(const std::string& path);
+    // Screenshots already beside it count against the budget.
+    static OpenResult open(const std::string& path, unsigned long long screenshotBudget = 1ull << 30);
     ~DevGatewayAuditLog();
     DevGatewayAuditLog(const DevGatewayAuditLog&) = delete;
     DevGatewayAuditLog& operator=(const DevGatewayAuditLog&) = delete;
@@ -41,25 +45,36 @@ public:
     const std::string& path() const noexcept { return path_; }
     const std::string& directory() const noexcept { return directory_; }
 
-    // Appends one line: the given members plus "time". Safe from any thread; a failed write
-    // is dropped (the gateway keeps answering).
-    void append(Json::Object members);
+    // Appends one line: the given members plus "time" (a member that cannot be written as
+    // JSON, such as a number beyond the double range, is replaced by a note saying so). Safe
+    // from any thread. False when the line could not be written whole; then nothing of it
+    // stays in the file (or the next line starts on a line of its own), and standard error
+    // says so once until a line can be written again.
+    bool append(Json::Object members);
+
+    // Opens the log's path again (after log rotation moved the file away): new lines go to
+    // a file by that name. False, and the old file kept, when it cannot be opened.
+    bool reopen();
 
     struct SavedImage {
         std::string path;    // set when the file was written
         std::string problem; // set when it was not
     };
-    // Decodes a base64 image and saves it beside the log as
-    // screenshot-<UTC time>-<counter>.<extension>.
+    // Decodes a base64 image of at most kMaxScreenshotBytes and, within the budget, saves it
+    // beside the log as screenshot-<UTC time>-<counter>.<extension>, whole or not at all.
     SavedImage saveScreenshot(std::string_view base64, std::string_view mimeType);
 
 private:
-    DevGatewayAuditLog(std::string path, std::string directory, int fd);
+    DevGatewayAuditLog(std::string path, std::string directory, int fd, unsigned long long budget,
+                       unsigned long long used);
 
     const std::string path_;
     const std::string directory_;
-    const int fd_;
-    std::mutex writeLock_;
+    std::mutex writeLock_; // guards fd_, failing_ and the byte counts
+    int fd_;
+    bool failing_ = false;
+    const unsigned long long screenshotBudget_;
+    unsigned long long screenshotBytes_;
     std::atomic<unsigned> screenshotCounter_{0};
 };
 

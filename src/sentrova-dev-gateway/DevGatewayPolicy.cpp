@@ -14,23 +14,36 @@ namespace sentrova {
 namespace {
 
 constexpr std::array<std::string_view, 3> kRiskNames = {"safe", "caution", "critical"};
-constexpr std::array<std::string_view, 9> kRuleKeys = {
-    "tool", "risk", "pinChanged", "workerName", "serverCommand", "decision", "reason", "delaySeconds", "comment"};
+constexpr std::array<std::string_view, 12> kRuleKeys = {
+    "tool",     "risk",   "pinChanged",   "pinKnown",       "toolKnown", "workerName",
+    "serverCommand", "decision", "reason", "delaySeconds", "timeoutSeconds", "comment"};
 constexpr std::array<std::string_view, 3> kTopLevelKeys = {"rules", "description", "comment"};
 
-std::string stringMember(const Json& body, std::string_view key) {
-    const Json* value = body.find(key);
-    return (value != nullptr && value->isString()) ? value->stringValue() : std::string();
+std::string* queryField(DevGatewayQuery& query, std::string_view key) {
+    if (key == "tool") return &query.tool;
+    if (key == "risk") return &query.risk;
+    if (key == "workerName") return &query.workerName;
+    if (key == "serverCommand") return &query.serverCommand;
+    if (key == "argumentsJSON") return &query.argumentsJSON;
+    if (key == "pinHash") return &query.pinHash;
+    if (key == "previousPinHash") return &query.previousPinHash;
+    if (key == "provider") return &query.provider;
+    if (key == "requestID") return &query.requestID;
+    return nullptr;
 }
 
-// Booleans read like everywhere else in the system: true/false, or a number exactly 1 or 0.
-bool booleanMember(const Json& body, std::string_view key) {
-    const Json* value = body.find(key);
+// Reads an optional non-negative number of seconds no larger than the limit.
+std::optional<std::string> readSeconds(const Json& rule, std::string_view key, double& out) {
+    const Json* value = rule.find(key);
     if (value == nullptr) {
-        return false;
+        return std::nullopt;
     }
-    const std::optional<double> number = value->numberValue();
-    return number.has_value() && *number == 1.0;
+    const std::optional<double> seconds = value->isNumberLiteral() ? value->numberValue() : std::nullopt;
+    if (!seconds || !std::isfinite(*seconds) || *seconds < 0.0 || *seconds > kMaxRuleDelaySeconds) {
+        return "\"" + std::string(key) + "\" must be a number from 0 to 3600";
+    }
+    out = *seconds;
+    return std::nullopt;
 }
 
 template <std::size_t N>
@@ -66,37 +79,48 @@ public:
                 return "\"risk\" must be \"safe\", \"caution\" or \"critical\", not \"" + risk + "\"";
             }
         }
-        if (const Json* pinChanged = rule_.find("pinChanged")) {
-            if (!pinChanged->isBool()) {
-                return std::string("\"pinChanged\" must be true or false");
-            }
-            out.pinChanged = pinChanged->boolValue();
-        }
+        if (auto problem = readFlag("pinChanged", out.pinChanged)) return problem;
+        if (auto problem = readFlag("pinKnown", out.pinKnown)) return problem;
+        if (auto problem = readFlag("toolKnown", out.toolKnown)) return problem;
         const Json* decision = rule_.find("decision");
         if (decision == nullptr) {
-            return std::string("missing \"decision\" (\"allow\" or \"deny\")");
+            return std::string("missing \"decision\" (\"allow\", \"deny\" or \"ask\")");
         }
-        if (!decision->isString() || (decision->stringValue() != "allow" && decision->stringValue() != "deny")) {
-            return std::string("\"decision\" must be \"allow\" or \"deny\"");
+        const std::string word = decision->isString() ? decision->stringValue() : std::string();
+        if (word == "allow") {
+            out.decision = DevGatewayDecision::allow;
+        } else if (word == "deny") {
+            out.decision = DevGatewayDecision::deny;
+        } else if (word == "ask") {
+            out.decision = DevGatewayDecision::ask;
+        } else {
+            return std::string("\"decision\" must be \"allow\", \"deny\" or \"ask\"");
         }
-        out.allow = decision->stringValue() == "allow";
         if (const Json* reason = rule_.find("reason")) {
             if (!reason->isString()) {
                 return std::string("\"reason\" must be a string");
             }
             out.reason = reason->stringValue();
         }
-        if (const Json* delay = rule_.find("delaySeconds")) {
-            const std::optional<double> seconds = delay->isNumberLiteral() ? delay->numberValue() : std::nullopt;
-            if (!seconds || !std::isfinite(*seconds) || *seconds < 0.0 || *seconds > kMaxRuleDelaySeconds) {
-                return std::string("\"delaySeconds\" must be a number from 0 to 3600");
-            }
-            out.delaySeconds = *seconds;
+        if (auto problem = readSeconds(rule_, "delaySeconds", out.delaySeconds)) return problem;
+        if (auto problem = readSeconds(rule_, "timeoutSeconds", out.timeoutSeconds)) return problem;
+        if (rule_.find("timeoutSeconds") != nullptr && out.decision != DevGatewayDecision::ask) {
+            return std::string("\"timeoutSeconds\" belongs to \"ask\" rules only");
         }
         return std::nullopt;
     }
 
 private:
+    std::optional<std::string> readFlag(std::string_view key, std::optional<bool>& out) const {
+        if (const Json* value = rule_.find(key)) {
+            if (!value->isBool()) {
+                return "\"" + std::string(key) + "\" must be true or false";
+            }
+            out = value->boolValue();
+        }
+        return std::nullopt;
+    }
+
     // A condition is one string or a non-empty array of strings.
     std::optional<std::string> readStrings(std::string_view key, std::vector<std::string>& out) const {
         const Json* value = rule_.find(key);
@@ -125,17 +149,36 @@ private:
 
 } // namespace
 
-DevGatewayQuery DevGatewayQuery::fromBody(const Json& body) {
+std::variant<DevGatewayQuery, std::string> DevGatewayQuery::parse(const Json& body) {
+    if (!body.isObject()) {
+        return std::string("the body must be a JSON object");
+    }
     DevGatewayQuery query;
-    query.tool = stringMember(body, "tool");
-    query.risk = stringMember(body, "risk");
-    query.workerName = stringMember(body, "workerName");
-    query.serverCommand = stringMember(body, "serverCommand");
-    query.pinChanged = booleanMember(body, "pinChanged");
+    std::vector<std::string_view> seen;
+    for (const JsonMember& member : body.objectValue()) {
+        if (std::find(seen.begin(), seen.end(), member.key) != seen.end()) {
+            return "member \"" + member.key + "\" appears more than once";
+        }
+        seen.push_back(member.key);
+        if (std::string* field = queryField(query, member.key)) {
+            if (!member.value.isString()) {
+                return "member \"" + member.key + "\" must be a string";
+            }
+            *field = member.value.stringValue();
+        } else if (member.key == "pinChanged") {
+            if (!member.value.isBool()) {
+                return std::string("member \"pinChanged\" must be true or false");
+            }
+            query.pinChanged = member.value.boolValue();
+        }
+    }
+    if (body.find("tool") == nullptr) {
+        return std::string("member \"tool\" is missing");
+    }
     return query;
 }
 
-std::string DevGatewayVerdict::responseBody() const {
+std::string verdictBody(bool allow, const std::string& reason) {
     Json::Object members;
     members.push_back({"decision", Json::string(allow ? "allow" : "deny")});
     if (!allow) {
@@ -144,8 +187,50 @@ std::string DevGatewayVerdict::responseBody() const {
     return writeJson(Json::object(std::move(members))).value_or(R"({"decision":"deny"})");
 }
 
+std::string_view decisionName(DevGatewayDecision decision) {
+    switch (decision) {
+    case DevGatewayDecision::allow: return "allow";
+    case DevGatewayDecision::ask: return "ask";
+    default: return "deny";
+    }
+}
+
+std::optional<std::string> firstDuplicateKey(const Json& value) {
+    // Depth first with an explicit stack, so that no nesting depth can exhaust the C++ stack.
+    std::vector<std::pair<const Json*, std::string>> pending{{&value, std::string()}};
+    while (!pending.empty()) {
+        auto [node, path] = std::move(pending.back());
+        pending.pop_back();
+        if (node->isArray()) {
+            const Json::Array& elements = node->arrayValue();
+            for (std::size_t i = elements.size(); i-- > 0;) {
+                pending.emplace_back(&elements[i], path + "[" + std::to_string(i) + "]");
+            }
+        } else if (node->isObject()) {
+            const Json::Object& members = node->objectValue();
+            std::vector<std::string_view> keys;
+            for (const JsonMember& member : members) {
+                if (std::find(keys.begin(), keys.end(), member.key) != keys.end()) {
+                    return (path.empty() ? std::string() : path + ".") + member.key;
+                }
+                keys.push_back(member.key);
+            }
+            for (std::size_t i = members.size(); i-- > 0;) {
+                pending.emplace_back(&members[i].value, (path.empty() ? std::string() : path + ".") + members[i].key);
+            }
+        }
+    }
+    return std::nullopt;
+}
+
 bool DevGatewayRule::matches(const DevGatewayQuery& query) const {
     if (pinChanged.has_value() && *pinChanged != query.pinChanged) {
+        return false;
+    }
+    if (pinKnown.has_value() && *pinKnown != query.pinKnown) {
+        return false;
+    }
+    if (toolKnown.has_value() && *toolKnown != query.toolKnown) {
         return false;
     }
     if (!risks.empty() && std::find(risks.begin(), risks.end(), query.risk) == risks.end()) {
@@ -164,6 +249,10 @@ DevGatewayPolicy::ParseResult DevGatewayPolicy::parse(std::string_view text, con
     if (!document->isObject()) {
         return where + "the top level must be an object with a \"rules\" array";
     }
+    // A repeated key would let a later "decision" silently override an earlier one.
+    if (const std::optional<std::string> duplicate = firstDuplicateKey(*document)) {
+        return where + *duplicate + ": duplicate key";
+    }
     for (const JsonMember& member : document->objectValue()) {
         if (!contains(kTopLevelKeys, member.key)) {
             return where + "unknown top-level member \"" + member.key + "\"";
@@ -180,7 +269,7 @@ DevGatewayPolicy::ParseResult DevGatewayPolicy::parse(std::string_view text, con
         if (auto problem = RuleReader(rules->arrayValue()[index]).read(rule)) {
             return where + "rules[" + std::to_string(index) + "]: " + *problem;
         }
-        if (!rule.allow && rule.reason.empty()) {
+        if (rule.decision == DevGatewayDecision::deny && rule.reason.empty()) {
             rule.reason = "denied by policy rule rules[" + std::to_string(index) + "]";
         }
         parsed.push_back(std::move(rule));
@@ -206,10 +295,11 @@ DevGatewayVerdict DevGatewayPolicy::decide(const DevGatewayQuery& query) const {
     for (std::size_t index = 0; index < rules_.size(); ++index) {
         const DevGatewayRule& rule = rules_[index];
         if (rule.matches(query)) {
-            return DevGatewayVerdict{rule.allow, rule.reason, rule.delaySeconds, index};
+            return DevGatewayVerdict{rule.decision, rule.reason, rule.delaySeconds, rule.timeoutSeconds, index};
         }
     }
-    return DevGatewayVerdict{false, std::string(kNoRuleMatchedReason), 0.0, std::nullopt};
+    return DevGatewayVerdict{DevGatewayDecision::deny, std::string(kNoRuleMatchedReason), 0.0,
+                             kDefaultAskTimeoutSeconds, std::nullopt};
 }
 
 } // namespace sentrova

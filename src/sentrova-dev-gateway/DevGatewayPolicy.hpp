@@ -7,7 +7,8 @@
 //     {"tool": "echo", "decision": "allow"},
 //     {"tool": ["write_*", "edit_*"], "risk": "critical", "decision": "deny", "reason": "..."},
 //     {"tool": "*", "pinChanged": true, "decision": "deny", "reason": "..."},
-//     {"tool": "get-sum", "decision": "allow", "delaySeconds": 2}
+//     {"tool": "get-sum", "decision": "allow", "delaySeconds": 2},
+//     {"tool": "*", "toolKnown": true, "pinKnown": false, "decision": "ask", "timeoutSeconds": 300}
 //   ]}
 
 #include <cstddef>
@@ -23,28 +24,48 @@ namespace sentrova {
 
 inline constexpr std::string_view kNoRuleMatchedReason = "no policy rule matched";
 inline constexpr double kMaxRuleDelaySeconds = 3600.0;
+inline constexpr double kDefaultAskTimeoutSeconds = 120.0;
 
-// The members of a tools/call question that rules can look at. Missing or mistyped members
-// read as empty strings and false, which only catch-all conditions match.
+// A tools/call question as the bridge sends it. Every member is optional except "tool"; a
+// member of the wrong type or one that appears twice makes the question unreadable, so a
+// rule never decides on a value that a person reading the log would see differently.
 struct DevGatewayQuery {
     std::string tool;
     std::string risk;
     std::string workerName;
     std::string serverCommand;
+    std::string argumentsJSON;
+    std::string pinHash;
+    std::string previousPinHash;
+    std::string provider;
+    std::string requestID;
     bool pinChanged = false;
+    // Filled from the remembered pins, not from the body: a pin is remembered for this
+    // server command and tool (toolKnown), and it equals pinHash (pinKnown).
+    bool toolKnown = false;
+    bool pinKnown = false;
 
-    static DevGatewayQuery fromBody(const Json& body);
+    // The query, or the problem ("member \"tool\" must be a string", ...).
+    static std::variant<DevGatewayQuery, std::string> parse(const Json& body);
 };
+
+enum class DevGatewayDecision { allow, deny, ask };
 
 struct DevGatewayVerdict {
-    bool allow = false;
+    DevGatewayDecision decision = DevGatewayDecision::deny;
     std::string reason;
     double delaySeconds = 0.0;
-    std::optional<std::size_t> ruleIndex; // nullopt when no rule matched
-
-    // The answer body: {"decision":"allow"} or {"decision":"deny","reason":"..."}.
-    std::string responseBody() const;
+    double timeoutSeconds = kDefaultAskTimeoutSeconds; // for ask: how long a person has
+    std::optional<std::size_t> ruleIndex;              // nullopt when no rule matched
 };
+
+// The answer body: {"decision":"allow"} or {"decision":"deny","reason":"..."}.
+std::string verdictBody(bool allow, const std::string& reason);
+std::string_view decisionName(DevGatewayDecision decision);
+
+// The path of the first object member whose key repeats an earlier one ("rules[2].tool"),
+// looking at every depth; nullopt when there is none.
+std::optional<std::string> firstDuplicateKey(const Json& value);
 
 struct DevGatewayRule {
     // Each list holds alternatives; an empty list places no condition.
@@ -53,10 +74,13 @@ struct DevGatewayRule {
     std::vector<std::string> serverCommandGlobs;
     std::vector<std::string> risks;
     std::optional<bool> pinChanged;
+    std::optional<bool> pinKnown;
+    std::optional<bool> toolKnown;
 
-    bool allow = false;
+    DevGatewayDecision decision = DevGatewayDecision::deny;
     std::string reason;
     double delaySeconds = 0.0;
+    double timeoutSeconds = kDefaultAskTimeoutSeconds;
 
     bool matches(const DevGatewayQuery& query) const;
 };

@@ -54,7 +54,8 @@ const transport = new StdioClientTransport({
   command: options.bridge,
   args: ['--worker-name', 'demo-agent', '--gateway', options.gateway, '--heartbeat', options.heartbeat,
     '--', process.execPath, ...server],
-  env: { PATH: process.env.PATH, HOME: process.env.HOME ?? '/tmp' },
+  // The gateway's token, which scripts/demo read from the gateway's start-up lines.
+  env: { PATH: process.env.PATH, HOME: process.env.HOME ?? '/tmp', SENTROVA_GATEWAY_TOKEN: process.env.SENTROVA_GATEWAY_TOKEN ?? '' },
   stderr: 'pipe',
 });
 transport.stderr.resume(); // the server's start-up chatter is not part of the story

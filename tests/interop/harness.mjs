@@ -3,6 +3,7 @@
 // directly to a server or through sentrova-mcp-bridge.
 
 import { spawn } from 'node:child_process';
+import crypto from 'node:crypto';
 import fs from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
@@ -79,18 +80,18 @@ function firstLine(stream, timeoutMs) {
   });
 }
 
-// Starts sentrova-dev-gateway on 127.0.0.1 with a free port, the given policy rules and an
-// audit log in a fresh directory.
-export async function startGateway(rules, { token } = {}) {
+// Starts sentrova-dev-gateway on 127.0.0.1 with a free port, the given policy rules, an
+// audit log in a fresh directory and a token (a fresh random one unless given), which
+// connect() hands to the bridge.
+export async function startGateway(rules, { token = crypto.randomBytes(16).toString('hex') } = {}) {
   const dir = temporaryDirectory('gateway');
   const policyPath = path.join(dir, 'policy.json');
   fs.writeFileSync(policyPath, JSON.stringify({ rules }, null, 2));
   const auditPath = path.join(dir, 'audit', 'audit.jsonl');
   const args = ['--listen', '127.0.0.1:0', '--policy', policyPath, '--audit-log', auditPath];
-  if (token !== undefined) args.push('--token', token);
   const child = spawn(gatewayBinary, args, {
     stdio: ['ignore', 'pipe', 'inherit'],
-    env: { ...process.env, SENTROVA_GATEWAY_TOKEN: '' },
+    env: { ...process.env, SENTROVA_GATEWAY_TOKEN: token },
   });
   const exited = new Promise((resolve) => child.once('exit', resolve));
   const line = await firstLine(child.stdout, 10000);
@@ -98,6 +99,8 @@ export async function startGateway(rules, { token } = {}) {
   if (!match) throw new Error(`unexpected first line from the gateway: ${line}`);
   return {
     url: match[1],
+    token,
+    pageURL: `${match[1]}/#token=${token}`,
     dir,
     auditPath,
     auditRecords() {
@@ -139,7 +142,7 @@ export async function connect({
     command = bridgeBinary;
     args = ['--worker-name', workerName, '--gateway', gateway.url, '--heartbeat', String(heartbeat),
       '--', process.execPath, ...server];
-    if (token !== undefined) env.SENTROVA_GATEWAY_TOKEN = token;
+    env.SENTROVA_GATEWAY_TOKEN = token ?? gateway.token;
   }
   const transport = new StdioClientTransport({ command, args, env, stderr: 'pipe' });
   let stderr = '';

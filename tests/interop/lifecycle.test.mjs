@@ -51,7 +51,7 @@ test('the bridge presents the bearer token, and a wrong one fails closed', async
         isError: true,
       });
       const kinds = gateway.auditRecords().map((r) => r.kind);
-      assert.deepEqual(kinds, ['toolcall', 'unauthorized']);
+      assert.deepEqual(kinds, ['toolcall', 'refused']);
     } finally {
       await right.close();
       await wrong.close();

@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
 #include <vector>
+
+#include <sys/resource.h>
 
 #include "sentrova-dev-gateway/DevGatewayAuditLog.hpp"
 
@@ -125,3 +128,37 @@ TEST(DevGatewayAuditLogTests, SavesDecodedScreenshotsUnderDistinctNames) {
     EXPECT_NE(std::get<std::string>(opened).find(directory.path().string()), std::string::npos);
 }
 
+
+// A write cut short (disk full) is taken back, so the next line is never glued to it; after
+// log rotation, SIGHUP's reopen writes to a new file by the log's name; images are limited.
+TEST(DevGatewayAuditLogTests, NeverGluesLinesReopensAndBoundsImages) {
+    TemporaryDirectory directory;
+    const fs::path logPath = directory.path() / "audit.jsonl";
+    auto log = openLog(logPath);
+    ASSERT_TRUE(log);
+    EXPECT_TRUE(log->append({{"kind", Json::string("first")}}));
+    EXPECT_EQ(fs::status(logPath).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit saved{};
+    ::getrlimit(RLIMIT_FSIZE, &saved);
+    rlimit small = saved;
+    small.rlim_cur = fs::file_size(logPath) + 100; // room for a part of the next line only
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    const bool cutLineWritten = log->append({{"padding", Json::string(std::string(3000, 'x'))}});
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    EXPECT_FALSE(cutLineWritten);
+    EXPECT_TRUE(log->append({{"kind", Json::string("after")}}));
+    const std::string text = readBytes(logPath);
+    EXPECT_EQ(text.find("xxx"), std::string::npos);
+    EXPECT_NE(text.find("\n{\"kind\":\"after\""), std::string::npos);
+
+    fs::rename(logPath, directory.path() / "audit.jsonl.1");
+    EXPECT_TRUE(log->reopen());
+    EXPECT_TRUE(log->append({{"kind", Json::string("rotated")}}));
+    EXPECT_NE(readBytes(logPath).find("rotated"), std::string::npos);
+
+    const std::string big(DevGatewayAuditLog::kMaxScreenshotBytes / 3 * 4 + 4, 'A');
+    EXPECT_NE(log->saveScreenshot(big, "image/png").problem.find("16 MiB"), std::string::npos);
+    EXPECT_EQ(fs::path(log->saveScreenshot("PHN2Zz4=", "image/svg+xml").path).extension(), ".bin");
+}

@@ -32,8 +32,17 @@ std::string parseError(const std::string& text) {
 
 DevGatewayQuery query(std::string tool, std::string risk = "caution", bool pinChanged = false,
                       std::string workerName = "worker", std::string serverCommand = "node server.js") {
-    return DevGatewayQuery{std::move(tool), std::move(risk), std::move(workerName), std::move(serverCommand),
-                           pinChanged};
+    DevGatewayQuery made;
+    made.tool = std::move(tool);
+    made.risk = std::move(risk);
+    made.workerName = std::move(workerName);
+    made.serverCommand = std::move(serverCommand);
+    made.pinChanged = pinChanged;
+    return made;
+}
+
+bool allows(const DevGatewayVerdict& verdict) {
+    return verdict.decision == DevGatewayDecision::allow;
 }
 
 } // namespace
@@ -61,56 +70,63 @@ TEST(DevGatewayPolicyTests, FirstMatchingRuleDecidesAndNoMatchDenies) {
         {"tool": "*", "pinChanged": true, "decision": "deny", "reason": "definition changed"},
         {"tool": ["echo", "get-*"], "decision": "allow", "comment": "read-only tools"},
         {"tool": "write_*", "risk": ["critical", "caution"], "decision": "deny"},
-        {"workerName": "ci-*", "serverCommand": "*server-memory*", "decision": "allow", "delaySeconds": 1.5}
+        {"workerName": "ci-*", "serverCommand": "*server-memory*", "decision": "allow", "delaySeconds": 1.5},
+        {"tool": "fetch", "toolKnown": true, "pinKnown": false, "decision": "ask", "timeoutSeconds": 300}
       ]})");
-    ASSERT_EQ(policy.rules().size(), 4u);
+    ASSERT_EQ(policy.rules().size(), 5u);
 
     DevGatewayVerdict verdict = policy.decide(query("echo"));
-    EXPECT_TRUE(verdict.allow);
+    EXPECT_TRUE(allows(verdict));
     EXPECT_EQ(verdict.ruleIndex, 1u);
 
     verdict = policy.decide(query("echo", "safe", true));
-    EXPECT_FALSE(verdict.allow);
+    EXPECT_FALSE(allows(verdict));
     EXPECT_EQ(verdict.reason, "definition changed");
     EXPECT_EQ(verdict.ruleIndex, 0u);
 
     verdict = policy.decide(query("write_file", "critical"));
-    EXPECT_FALSE(verdict.allow);
+    EXPECT_FALSE(allows(verdict));
     EXPECT_EQ(verdict.reason, "denied by policy rule rules[2]");
 
     verdict = policy.decide(query("write_file", "safe", false, "ci-7", "node /x/server-memory/dist/index.js"));
-    EXPECT_TRUE(verdict.allow);
+    EXPECT_TRUE(allows(verdict));
     EXPECT_EQ(verdict.ruleIndex, 3u);
     EXPECT_DOUBLE_EQ(verdict.delaySeconds, 1.5);
 
     verdict = policy.decide(query("write_file", "safe", false, "dev", "node /x/server-memory/dist/index.js"));
-    EXPECT_FALSE(verdict.allow);
+    EXPECT_FALSE(allows(verdict));
     EXPECT_EQ(verdict.reason, kNoRuleMatchedReason);
     EXPECT_FALSE(verdict.ruleIndex.has_value());
 
-    EXPECT_FALSE(DevGatewayPolicy().decide(query("echo")).allow);
+    EXPECT_FALSE(allows(DevGatewayPolicy().decide(query("echo"))));
+
+    DevGatewayQuery changed = query("fetch");
+    EXPECT_EQ(policy.decide(changed).ruleIndex, std::nullopt); // never allowed before: not this rule
+    changed.toolKnown = true;
+    verdict = policy.decide(changed);
+    EXPECT_EQ(verdict.decision, DevGatewayDecision::ask);
+    EXPECT_DOUBLE_EQ(verdict.timeoutSeconds, 300);
+    changed.pinKnown = true;
+    EXPECT_EQ(policy.decide(changed).ruleIndex, std::nullopt);
 }
 
-TEST(DevGatewayPolicyTests, QueryIsReadFromTheBridgeBody) {
-    auto body = parseJson(R"({"argumentsJSON":"{}","pinChanged":1,"pinHash":"","requestID":"X","risk":"safe",)"
-                          R"("serverCommand":"node s.js","tool":"echo","workerName":"w"})");
+TEST(DevGatewayPolicyTests, QueryIsReadFromTheBridgeBodyStrictly) {
+    auto body = parseJson(R"({"argumentsJSON":"{}","pinChanged":true,"pinHash":"","requestID":"X","risk":"safe",)"
+                          R"("serverCommand":"node s.js","tool":"echo","workerName":"w","future":[1]})");
     ASSERT_TRUE(body.has_value());
-    const DevGatewayQuery read = DevGatewayQuery::fromBody(*body);
+    const DevGatewayQuery read = std::get<DevGatewayQuery>(DevGatewayQuery::parse(*body));
     EXPECT_EQ(read.tool, "echo");
     EXPECT_EQ(read.risk, "safe");
     EXPECT_EQ(read.workerName, "w");
     EXPECT_EQ(read.serverCommand, "node s.js");
     EXPECT_TRUE(read.pinChanged);
 
-    const DevGatewayQuery odd = DevGatewayQuery::fromBody(*parseJson(R"({"tool":5,"pinChanged":"true"})"));
-    EXPECT_EQ(odd.tool, "");
-    EXPECT_FALSE(odd.pinChanged);
-}
-
-TEST(DevGatewayPolicyTests, VerdictBodiesAreWhatTheBridgeReads) {
-    EXPECT_EQ((DevGatewayVerdict{true, "ignored", 0, 0}.responseBody()), R"({"decision":"allow"})");
-    EXPECT_EQ((DevGatewayVerdict{false, "no \"x\" / y", 0, 0}.responseBody()),
-              R"({"decision":"deny","reason":"no \"x\" / y"})");
+    for (const char* odd : {R"({"tool":5})", R"({"tool":"x","pinChanged":"true"})", R"({"tool":"x","pinChanged":1})",
+                            R"({"risk":"safe"})", R"({"tool":"rm","tool":"echo"})", R"({"tool":"x","risk":null})"}) {
+        EXPECT_TRUE(std::holds_alternative<std::string>(DevGatewayQuery::parse(*parseJson(odd)))) << odd;
+    }
+    EXPECT_EQ(verdictBody(true, "ignored"), R"({"decision":"allow"})");
+    EXPECT_EQ(verdictBody(false, "no \"x\" / y"), R"({"decision":"deny","reason":"no \"x\" / y"})");
 }
 
 TEST(DevGatewayPolicyTests, BadPoliciesNameTheFileTheRuleAndTheProblem) {
@@ -122,9 +138,14 @@ TEST(DevGatewayPolicyTests, BadPoliciesNameTheFileTheRuleAndTheProblem) {
         {R"({"rules":{}})", "\"rules\" must be an array"},
         {R"({"rule":[]})", "unknown top-level member \"rule\""},
         {R"({"rules":[)" + good + R"({"tools":"b","decision":"allow"}]})", "rules[1]: unknown member \"tools\""},
-        {R"({"rules":[)" + good + R"({"tool":"b"}]})", "rules[1]: missing \"decision\" (\"allow\" or \"deny\")"},
+        {R"({"rules":[)" + good + R"({"tool":"b"}]})", "rules[1]: missing \"decision\""},
         {R"({"rules":[)" + good + good + R"({"tool":"b","decision":"Allow"}]})",
-         "rules[2]: \"decision\" must be \"allow\" or \"deny\""},
+         "rules[2]: \"decision\" must be \"allow\", \"deny\" or \"ask\""},
+        {R"({"rules":[)" + good + R"({"decision":"deny","decision":"allow"}]})", "rules[1].decision: duplicate key"},
+        {R"({"rules":[{"tool":["a",{"x":1,"x":2}],"decision":"deny"}]})", "rules[0].tool[1].x: duplicate key"},
+        {R"({"rules":[],"rules":[]})", "rules: duplicate key"},
+        {R"({"rules":[{"decision":"allow","timeoutSeconds":5}]})", "rules[0]: \"timeoutSeconds\" belongs"},
+        {R"({"rules":[{"decision":"ask","pinKnown":1}]})", "rules[0]: \"pinKnown\""},
         {R"({"rules":[{"risk":"high","decision":"deny"}]})", "rules[0]: \"risk\" must be"},
         {R"({"rules":[{"tool":[],"decision":"deny"}]})", "rules[0]: \"tool\" must be"},
         {R"({"rules":[{"pinChanged":"yes","decision":"deny"}]})", "rules[0]: \"pinChanged\""},
