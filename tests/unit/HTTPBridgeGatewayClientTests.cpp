@@ -312,6 +312,17 @@ TEST_F(HTTPBridgeGatewayClientTests, SilentGatewayTimesOutAtTheDeadlineAndTheReq
     EXPECT_LT(waited, 3.0);
     EXPECT_TRUE(eventually([&] { return gateway.sawUnansweredRequestClosed(); }));
     EXPECT_EQ(gateway.requests().size(), 1u);
+
+    // A decision withdrawn by its caller (the client cancelled the call) is given up the same
+    // way, and its handler never runs.
+    RawGateway silent(/*answers=*/false);
+    HTTPBridgeGatewayClient patient(silent.url(), std::nullopt, 60);
+    std::atomic<bool> handled{false};
+    auto handle = patient.startDecision(sampleQuery(), [&](BridgeDecision) { handled = true; });
+    ASSERT_TRUE(eventually([&] { return silent.requests().size() == 1; }));
+    handle->cancel();
+    EXPECT_TRUE(eventually([&] { return silent.sawUnansweredRequestClosed(); }));
+    EXPECT_FALSE(handled);
 }
 
 TEST_F(HTTPBridgeGatewayClientTests, ZeroNegativeAndNaNDeadlinesTimeOutAtOnceInfinityWaits) {
