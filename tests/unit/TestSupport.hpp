@@ -1,0 +1,106 @@
+// What several unit test files share: polling, case tables read from tests/unit/cases, and the
+// dev gateway embedded as a working gateway on 127.0.0.1.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sentrova-dev-gateway/DevGatewayServer.hpp"
+
+namespace sentrova::test {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+// Polls a condition that another thread makes true, up to a generous limit.
+template <typename Condition> bool eventually(Condition condition, Clock::duration limit = 5s) {
+    for (const auto end = Clock::now() + limit; !condition();) {
+        if (Clock::now() > end) return false;
+        std::this_thread::sleep_for(2ms);
+    }
+    return true;
+}
+
+inline double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+// Rows of a case table: tab-separated fields, "#" lines and blank lines skipped; in fields,
+// \t \n \r \0 \\ and \xHH stand for their bytes.
+inline std::vector<std::vector<std::string>> caseRows(const std::string& name) {
+    std::ifstream file(std::string(SENTROVA_TEST_CASES) + "/" + name);
+    EXPECT_TRUE(file) << name;
+    std::vector<std::vector<std::string>> rows;
+    for (std::string line; std::getline(file, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        std::vector<std::string> fields(1);
+        for (std::size_t i = 0; i < line.size(); ++i) {
+            char c = line[i];
+            if (c == '\t') { fields.emplace_back(); continue; }
+            if (c == '\\' && i + 1 < line.size()) {
+                const char e = line[++i];
+                c = e == 't' ? '\t' : e == 'n' ? '\n' : e == 'r' ? '\r' : e == '0' ? '\0' : e;
+                if (e == 'x') c = static_cast<char>(std::stoi(line.substr(i + 1, 2), nullptr, 16)), i += 2;
+            }
+            fields.back().push_back(c);
+        }
+        rows.push_back(std::move(fields));
+    }
+    return rows;
+}
+
+inline std::string temporaryDirectory() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "sentrova-unit-XXXXXX").string();
+    return ::mkdtemp(pattern.data()) != nullptr ? pattern : std::string();
+}
+
+// The project's dev gateway serving a policy on 127.0.0.1, its audit log and pin state in a
+// directory (a fresh one, or the one of an earlier run).
+class LoopbackGateway {
+public:
+    static constexpr const char* token = "s3cret-token";
+    explicit LoopbackGateway(const std::string& policyText, std::string directory = temporaryDirectory(),
+                             std::string logPath = {})
+        : directory_(std::move(directory)) {
+        auto policy = DevGatewayPolicy::parse(policyText, "inline");
+        auto log = DevGatewayAuditLog::open(logPath.empty() ? (directory_ / "audit.jsonl").string() : logPath, 64);
+        auto pins = DevGatewayPinStore::load((directory_ / "state.json").string());
+        server_ = std::make_unique<DevGatewayServer>(std::get<DevGatewayPolicy>(std::move(policy)),
+                                                     std::move(std::get<std::unique_ptr<DevGatewayAuditLog>>(log)),
+                                                     token, std::move(std::get<std::unique_ptr<DevGatewayPinStore>>(pins)));
+        port_ = server_->bind("127.0.0.1", 0).value_or(0);
+        serving_ = std::thread([this] { server_->run(); });
+    }
+    ~LoopbackGateway() {
+        server_->stop();
+        serving_.join();
+        server_.reset();
+        std::error_code ignored;
+        if (!keep_) std::filesystem::remove_all(directory_, ignored);
+    }
+    int port() const { return port_; }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+    const std::filesystem::path& directory() const { return directory_; }
+    void keepDirectory() { keep_ = true; }
+    std::vector<Json> auditRecords() const {
+        std::ifstream file(directory_ / "audit.jsonl");
+        std::vector<Json> records;
+        for (std::string line; std::getline(file, line);) records.push_back(parseJson(line).value_or(Json()));
+        return records;
+    }
+
+private:
+    std::filesystem::path directory_;
+    bool keep_ = false;
+    std::unique_ptr<DevGatewayServer> server_;
+    int port_ = 0;
+    std::thread serving_;
+};
+
+} // namespace sentrova::test
