@@ -152,7 +152,11 @@ protected:
         router->handleClientLine(R"({"jsonrpc":"2.0","id":)" + id + R"(,"method":"tools/call","params":{"name":")" +
                                  tool + "\"" + paramsExtra + "}}");
     }
-    bool pinned(const std::string& tool) { return router->pinTable().pin(tool).has_value(); }
+    // The pin a call of the tool carries to the gateway: what the router captured for it.
+    BridgeToolCallQuery queryFor(const std::string& tool) {
+        call("900", tool);
+        return gateway->queries.back();
+    }
 
     MCPBridgeRouter::Config config{"worker-7", std::nullopt, "npx -y some-server", 15.0};
     Sink client;
@@ -171,6 +175,8 @@ TEST_F(MCPBridgeRouterTests, RelaysUnreadableServerLinesButOnlyWholeClientMessag
         "42",
         R"({"method":"tools/call", "id":1)",
         "{ \"params\" : {\"b\":\"a\\/b\\u00e9\\n\"}, \"method\":\"ping\" ,\"id\":\"x\", \"extra\":null }\r",
+        R"({"jsonrpc":"2.0","Id":9,"method":"tools/call","params":{"name":"x"}})", // a Go server would run it
+        R"({"jsonrpc":"2.0","Method":"tools/call","params":{"name":"x"}})",        // nobody to answer
     };
     Lines expected;
     for (const std::string& line : lines) {
@@ -178,28 +184,29 @@ TEST_F(MCPBridgeRouterTests, RelaysUnreadableServerLinesButOnlyWholeClientMessag
         router->handleServerLine(line);
         expected.push_back(line + "\n");
     }
-    // From the client only the one whole message goes on; the batch's call is answered.
+    // From the client only the one whole message goes on; the calls with an id are answered.
     expected.insert(expected.begin() + 1, malformedDeny(Json::integer(1)));
-    EXPECT_EQ(server.all(), Lines{lines.back() + "\n"});
+    expected.insert(expected.begin() + 6, malformedDeny(Json::integer(9)));
+    EXPECT_EQ(server.all(), Lines{lines[4] + "\n"});
     EXPECT_EQ(client.all(), expected);
     EXPECT_TRUE(gateway->queries.empty());
 }
 
 TEST_F(MCPBridgeRouterTests, CapturesToolListsBeforeTheAnswerIsWrittenAndMatchesIdsByKind) {
     const std::string tool = R"({"name":"echo","annotations":{"readOnlyHint":true,"destructiveHint":false}})";
-    std::optional<ToolPinTable::ToolPin> pinAtWrite;
-    client.hook = [&](std::string_view) { pinAtWrite = router->pinTable().pin("echo"); };
+    std::optional<BridgeToolCallQuery> atWrite;
+    client.hook = [&](std::string_view) {
+        client.hook = nullptr;
+        atWrite = queryFor("echo");
+    };
     list("5", "[" + tool + "]");
-    ASSERT_TRUE(pinAtWrite.has_value()) << "pins must be in place when the client sees the list";
-    EXPECT_EQ(pinAtWrite->hash, MCPWire::pinHash(parsed(tool)));
-    EXPECT_EQ(pinAtWrite->risk, BridgeRisk::safe);
-    EXPECT_EQ(server.all().size(), 1u);
-    client.hook = nullptr;
+    ASSERT_TRUE(atWrite.has_value());
+    EXPECT_EQ(atWrite->pinHash, MCPWire::pinHash(parsed(tool))) << "pins must be in place when the client sees the list";
+    EXPECT_EQ(atWrite->risk, BridgeRisk::safe);
 
     // The key is gone: a second answer with id 5 captures nothing.
     router->handleServerLine(R"({"jsonrpc":"2.0","id":5,"result":{"tools":[{"name":"late"}]}})");
-    EXPECT_FALSE(pinned("late"));
-
+    EXPECT_EQ(queryFor("late").pinHash, "");
     // {request id, answer id, captured?}: an answer counts under every id the client takes for its
     // request (clients match by Number(id)); 1.0 is 1; null matches nothing.
     const std::vector<std::tuple<std::string, std::string, bool>> pairs = {
@@ -212,32 +219,26 @@ TEST_F(MCPBridgeRouterTests, CapturesToolListsBeforeTheAnswerIsWrittenAndMatches
         router->handleClientLine(R"({"jsonrpc":"2.0","id":)" + asked + R"(,"method":"tools/list"})");
         router->handleServerLine(R"({"jsonrpc":"2.0","id":)" + answered + R"(,"result":{"tools":[{"name":")" + name +
                                  R"("}]}})");
-        EXPECT_EQ(pinned(name), captured) << asked << " / " << answered;
+        EXPECT_EQ(queryFor(name).pinHash.empty(), !captured) << asked << " / " << answered;
     }
-    // A schema of any depth gets a real pin.
+    // A schema of any depth gets a real pin; a list with a non-object captures nothing.
     list("11", R"([{"name":"deep","inputSchema":)" + std::string(600, '[') + std::string(600, ']') + "}]");
-    EXPECT_EQ(router->pinTable().pin("deep").value_or(ToolPinTable::ToolPin{}).hash.size(), 64u);
-    // A list with a non-object captures nothing.
+    EXPECT_EQ(queryFor("deep").pinHash.size(), 64u);
     list("10", R"([{"name":"mixed"},"x"])");
-    EXPECT_FALSE(pinned("mixed"));
-}
+    EXPECT_EQ(queryFor("mixed").pinHash, "");
 
-TEST_F(MCPBridgeRouterTests, ServerNotificationsAndRequestsAffectTrackingAsDescribed) {
+    // A notification with a pending id is relayed and leaves that id alone; a server-to-client
+    // request with a pending id takes the key like an answer would.
     router->handleClientLine(R"({"jsonrpc":"2.0","id":3,"method":"tools/list"})");
-    // list_changed marks the table stale, is relayed, and leaves a pending id of the same value alone.
     const std::string changed = R"({"jsonrpc":"2.0","method":"notifications/tools/list_changed","id":3})";
     router->handleServerLine(changed);
-    EXPECT_TRUE(router->pinTable().isStale());
-    EXPECT_EQ(client.all(), Lines{changed + "\n"});
+    EXPECT_EQ(client.all().back(), changed + "\n");
     router->handleServerLine(R"({"jsonrpc":"2.0","id":3,"result":{"tools":[{"name":"kept"}]}})");
-    EXPECT_TRUE(pinned("kept"));
-    EXPECT_FALSE(router->pinTable().isStale());
-
-    // A server-to-client request with a pending id takes the key like an answer would.
+    EXPECT_EQ(queryFor("kept").pinHash.size(), 64u);
     router->handleClientLine(R"({"jsonrpc":"2.0","id":4,"method":"tools/list"})");
     router->handleServerLine(R"({"jsonrpc":"2.0","id":4,"method":"sampling/createMessage","params":{}})");
     router->handleServerLine(R"({"jsonrpc":"2.0","id":4,"result":{"tools":[{"name":"tooLate"}]}})");
-    EXPECT_FALSE(pinned("tooLate"));
+    EXPECT_EQ(queryFor("tooLate").pinHash, "");
 }
 
 TEST_F(MCPBridgeRouterTests, ForwardedAnswersReportTheirFirstImageBeforeTheyAreWritten) {
@@ -250,29 +251,17 @@ TEST_F(MCPBridgeRouterTests, ForwardedAnswersReportTheirFirstImageBeforeTheyAreW
     EXPECT_EQ(eventsAtWrite, 1u);
     EXPECT_EQ(client.all(), Lines{answer + "\n"});
     EXPECT_EQ(gateway->events, std::vector<BridgeEvent>{BridgeEvent::screenshot("worker-7", "QUJD", "image/jpeg")});
-
     // The key is used up; an id that was never forwarded reports nothing either.
     router->handleServerLine(answer);
     router->handleServerLine(R"({"jsonrpc":"2.0","id":12,"result":{"content":[{"type":"image","data":"QUJD"}]}})");
     EXPECT_EQ(gateway->events.size(), 1u);
 }
 
-TEST_F(MCPBridgeRouterTests, DenyMessagesWithoutAReasonOrWithAPinChange) {
-    EXPECT_EQ(MCPBridgeRouter::denyMessage("read_file", "", false),
-              "Denied by Sentrova policy: read_file was not approved. Do not retry this exact call; ask the user or "
-              "choose a different action.");
-    EXPECT_EQ(MCPBridgeRouter::denyMessage("rm", "Denied by Sentrova policy.", true),
-              "Denied by Sentrova (tool-pin violation): rm changed since it was last approved \xE2\x80\x94 Denied by "
-              "Sentrova policy.. Do not retry this exact call; ask the user or choose a different action.");
-}
-
-TEST_F(MCPBridgeRouterTests, QueriesCarryIdentityAndCanonicalArguments) {
-    for (const char* arguments : {"", R"(,"arguments":{})"}) {
-        call("2", "fetch", arguments);
-    }
+TEST_F(MCPBridgeRouterTests, QueriesCarryIdentityAndCanonicalArgumentsAndDeniesExplainThemselves) {
+    for (const char* arguments : {"", R"(,"arguments":{})"}) call("2", "fetch", arguments);
     ASSERT_EQ(gateway->queries.size(), 2u);
-    for (const auto& query : gateway->queries) EXPECT_EQ(query.argumentsJSON, "{}");
     const BridgeToolCallQuery& q = gateway->queries[0];
+    EXPECT_EQ(q.argumentsJSON + gateway->queries[1].argumentsJSON, "{}{}");
     EXPECT_EQ(q.workerName, "worker-7");
     EXPECT_FALSE(q.provider.has_value());
     EXPECT_EQ(q.serverCommand, "npx -y some-server");
@@ -280,6 +269,12 @@ TEST_F(MCPBridgeRouterTests, QueriesCarryIdentityAndCanonicalArguments) {
     EXPECT_EQ(q.pinHash, "");
     EXPECT_FALSE(q.pinChanged);
     EXPECT_NE(gateway->queries[0].requestID, gateway->queries[1].requestID);
+    EXPECT_EQ(MCPBridgeRouter::denyMessage("read_file", "", false),
+              "Denied by Sentrova policy: read_file was not approved. Do not retry this exact call; ask the user or "
+              "choose a different action.");
+    EXPECT_EQ(MCPBridgeRouter::denyMessage("rm", "Denied by Sentrova policy.", true),
+              "Denied by Sentrova (tool-pin violation): rm changed since it was last approved \xE2\x80\x94 Denied by "
+              "Sentrova policy.. Do not retry this exact call; ask the user or choose a different action.");
 }
 
 TEST_F(MCPBridgeRouterTests, PinViolationsAreReportedBeforeTheQueryUntilAnApprovalMovesThePin) {
@@ -391,39 +386,6 @@ TEST_F(MCPBridgeRouterTests, PendingDecisionsHoldNothingBackAndCancelledCallsNev
     }
     pump.join();
     EXPECT_EQ(server.all().size(), 3u + MCPBridgeRouter::maxPendingDecisions);
-}
-
-TEST_F(MCPBridgeRouterTests, AmbiguousToolCallsAreNeverRelayed) {
-    const std::vector<std::pair<std::string, Json>> answered = {
-        {R"({"jsonrpc":"2.0","id":1,"method":"tools/list","Method":"tools/call","params":{"name":"x"}})",
-         Json::integer(1)},
-        {R"({"jsonrpc":"2.0","id":2,"METHOD":"tools/call","params":{"name":"x"}})", Json::integer(2)},
-        {R"({"jsonrpc":"2.0","id":3,"method":"tools/call","method":"tools/list"})", Json::integer(3)},
-        {R"({"jsonrpc":"2.0","id":4,"method":"tools/call","param)" "\xC5\xBF" R"(":{"name":"evil"},"params":{"name":"safe"}})",
-         Json::integer(4)},
-        {R"({"jsonrpc":"2.0","id":5,"method":"tools/call","params":{"name":"safe","name":"evil"}})", Json::integer(5)},
-        {R"({"jsonrpc":"2.0","id":6,"method":"tools/call","params":{"name":"a","Arguments":{}}})", Json::integer(6)},
-        {R"({"jsonrpc":"2.0","ID":"v","Method":"tools/call","params":{"name":"x"}})", Json::string("v")},
-        {R"({"jsonrpc":"2.0","id":7,"Id":8,"method":"tools/call","params":{"name":"x"}})", Json::integer(7)},
-        // Only a variant id: the bridge alone would relay it as a notification, a Go server would run it.
-        {R"({"jsonrpc":"2.0","Id":9,"method":"tools/call","params":{"name":"x"}})", Json::integer(9)},
-    };
-    Lines expected;
-    for (const auto& [line, id] : answered) {
-        router->handleClientLine(line);
-        expected.push_back(malformedDeny(id));
-    }
-    // Without any id there is nobody to answer: dropped.
-    router->handleClientLine(R"({"jsonrpc":"2.0","Method":"tools/call","params":{"name":"x"}})");
-    router->handleClientLine(R"({"jsonrpc":"2.0","method":"tools/call","params":{"name":"x","NAME":"y"}})");
-    EXPECT_EQ(client.all(), expected);
-    EXPECT_TRUE(server.all().empty());
-    EXPECT_TRUE(gateway->queries.empty());
-
-    // No spelling of "method" asks for tools/call: relayed as before.
-    const std::string list = R"({"jsonrpc":"2.0","id":9,"Method":"tools/list","params":{"name":"a","NAME":"b"}})";
-    router->handleClientLine(list);
-    EXPECT_EQ(server.all(), Lines{list + "\n"});
 }
 
 TEST(RequestUUIDTests, VersionAndVariantBitsAreSet) {
