@@ -275,7 +275,8 @@ TEST(DevGatewayServerTests, RemembersAllowedPinsAcrossRuns) {
     }
     const fs::path state = fs::path(directory) / "state.json";
     EXPECT_EQ(fs::status(state).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-    for (const char* broken : {"{\"pins\":[", R"({"pins":[{"tool":"t","pinHash":"aa"}]})"}) {
+    for (const char* broken : {"{\"pins\":[", R"({"pins":[{"tool":"t","pinHash":"aa"}]})",
+                               R"({"pins":[{"serverCommand":"s","pinHash":"aa"}]})", R"({"pins":[{"serverCommand":"s","tool":"t"}]})"}) {
         std::ofstream(state) << broken;
         auto loaded = DevGatewayPinStore::load(state.string());
         EXPECT_NE(std::get_if<std::string>(&loaded) ? std::get<std::string>(loaded).find("state.json") : 0, std::string::npos)
