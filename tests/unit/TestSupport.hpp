@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,28 +32,46 @@ template <typename Condition> bool eventually(Condition condition, Clock::durati
 
 inline double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-// Rows of a case table: tab-separated fields, "#" lines and blank lines skipped; in fields,
-// \t \n \r \0 \\ and \xHH stand for their bytes.
-inline std::vector<std::vector<std::string>> caseRows(const std::string& name) {
+// \t \n \r \0 \\ and \xHH in a case table field stand for their bytes.
+inline std::string unescaped(const std::string& text) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
+        if (c == '\\' && i + 1 < text.size()) {
+            const char e = text[++i];
+            c = e == 't' ? '\t' : e == 'n' ? '\n' : e == 'r' ? '\r' : e == '0' ? '\0' : e;
+            if (e == 'x') c = static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16)), i += 2;
+        }
+        out.push_back(c);
+    }
+    return out;
+}
+
+// Rows of a case table: tab-separated fields, unescaped unless asked for raw; "#" lines and
+// blank lines skipped.
+inline std::vector<std::vector<std::string>> caseRows(const std::string& name, bool raw = false) {
     std::ifstream file(std::string(SENTROVA_TEST_CASES) + "/" + name);
     EXPECT_TRUE(file) << name;
     std::vector<std::vector<std::string>> rows;
     for (std::string line; std::getline(file, line);) {
         if (line.empty() || line[0] == '#') continue;
         std::vector<std::string> fields(1);
-        for (std::size_t i = 0; i < line.size(); ++i) {
-            char c = line[i];
-            if (c == '\t') { fields.emplace_back(); continue; }
-            if (c == '\\' && i + 1 < line.size()) {
-                const char e = line[++i];
-                c = e == 't' ? '\t' : e == 'n' ? '\n' : e == 'r' ? '\r' : e == '0' ? '\0' : e;
-                if (e == 'x') c = static_cast<char>(std::stoi(line.substr(i + 1, 2), nullptr, 16)), i += 2;
-            }
-            fields.back().push_back(c);
+        for (char c : line) {
+            if (c == '\t') fields.emplace_back();
+            else fields.back().push_back(c);
         }
+        if (!raw) for (std::string& field : fields) field = unescaped(field);
         rows.push_back(std::move(fields));
     }
     return rows;
+}
+
+// The words of a raw field: split at blanks, then unescaped; '' is an empty word.
+inline std::vector<std::string> words(const std::string& field) {
+    std::vector<std::string> out;
+    std::istringstream split(field);
+    for (std::string word; split >> word;) out.push_back(word == "''" ? "" : unescaped(word));
+    return out;
 }
 
 inline std::string temporaryDirectory() {
