@@ -10,6 +10,7 @@
 
 #include "MCPBridgeCore/Json.hpp"
 #include "MCPBridgeCore/MCPWire.hpp"
+#include "TestSupport.hpp"
 
 namespace sentrova {
 namespace {
@@ -27,50 +28,18 @@ Json parsedValue(const std::string& text) {
     return value != nullptr ? *value : Json();
 }
 
-TEST(MCPWireIdKeyTests, StringsAndNumbersNeverShareAKey) {
-    EXPECT_EQ(MCPWire::idKey(Json::string("7")), "s:7");
-    EXPECT_EQ(MCPWire::idKey(Json::string("")), "s:");
-    EXPECT_EQ(MCPWire::idKey(parsedValue("7")), "n:7");
-    EXPECT_EQ(MCPWire::idKey(parsedValue("1.0")), "n:1");
-    EXPECT_EQ(MCPWire::idKey(parsedValue("-0.0")), "n:0");
-    EXPECT_EQ(MCPWire::idKey(parsedValue("1e2")), "n:100");
-    EXPECT_EQ(MCPWire::idKey(parsedValue("true")), "n:1");
-    EXPECT_EQ(MCPWire::idKey(parsedValue("18446744073709551615")), "n:18446744073709551615");
-    EXPECT_EQ(MCPWire::idKey(parsedValue("-9223372036854775808")), "n:-9223372036854775808");
-    EXPECT_EQ(MCPWire::idKey(Json::real(1e19)), "n:10000000000000000000");
-    EXPECT_EQ(MCPWire::idKey(parsedValue("0.5")), "n:0.5");
-    EXPECT_EQ(MCPWire::idKey(parsedValue("1.25")), MCPWire::idKey(parsedValue("125e-2")));
-    EXPECT_EQ(MCPWire::idKey(Json::real(std::numeric_limits<double>::infinity())), "n:inf");
-    EXPECT_EQ(MCPWire::idKey(Json::real(-std::numeric_limits<double>::infinity())), "n:-inf");
-    EXPECT_EQ(MCPWire::idKey(Json::real(std::nan(""))), "n:nan");
-    EXPECT_EQ(MCPWire::idKey(Json::null()), std::nullopt);
-    EXPECT_EQ(MCPWire::idKey(parsedValue("[1]")), std::nullopt);
-    EXPECT_EQ(MCPWire::idKey(parsedValue(R"({"id":1})")), std::nullopt);
-    // An answer's id also counts as the number JavaScript's Number() reads in a string.
-    for (const auto& [id, keys] : std::vector<std::pair<std::string, std::vector<std::string>>>{
-             {"1", {"n:1"}}, {R"("1")", {"s:1", "n:1"}}, {R"(" 1.0 ")", {"s: 1.0 ", "n:1"}}, {R"("0x10")", {"s:0x10", "n:16"}},
-             {R"("")", {"s:", "n:0"}}, {R"("1e999")", {"s:1e999", "n:inf"}}, {R"(".5")", {"s:.5", "n:0.5"}},
-             {R"("1x")", {"s:1x"}}, {R"("0x")", {"s:0x"}}, {R"("e5")", {"s:e5"}}, {"null", {}}}) {
-        EXPECT_EQ(MCPWire::answerKeys(parsedValue(id)), keys) << id;
+TEST(MCPWireTests, IdKeysAnswerKeysAndRiskFloorsFollowTheirTables) {
+    for (const auto& row : test::caseRows("ids.txt")) {
+        const Json id = parsedValue(row[0]);
+        EXPECT_EQ(MCPWire::idKey(id).value_or("-"), row[1]) << row[0];
+        std::string keys;
+        for (const std::string& key : MCPWire::answerKeys(id)) keys += (keys.empty() ? "" : " ") + key;
+        EXPECT_EQ(keys, row.size() > 2 ? row[2] : "") << row[0];
     }
-}
-
-TEST(MCPWireRiskFloorTests, HintsCombineIntoRisk) {
-    const auto risk = [](const std::string& annotations) {
-        Json value = parsed(annotations);
-        return MCPWire::riskFloor(&value);
-    };
-    EXPECT_EQ(MCPWire::riskFloor(nullptr), BridgeRisk::caution);
-    EXPECT_EQ(risk("{}"), BridgeRisk::critical);
-    EXPECT_EQ(risk(R"({"readOnlyHint":true})"), BridgeRisk::caution);
-    EXPECT_EQ(risk(R"({"readOnlyHint":true,"destructiveHint":false})"), BridgeRisk::safe);
-    EXPECT_EQ(risk(R"({"readOnlyHint":1,"destructiveHint":0.0})"), BridgeRisk::safe);
-    EXPECT_EQ(risk(R"({"readOnlyHint":2})"), BridgeRisk::critical);
-    EXPECT_EQ(risk(R"({"readOnlyHint":"true"})"), BridgeRisk::critical);
-    EXPECT_EQ(risk(R"({"destructiveHint":false})"), BridgeRisk::caution);
-    EXPECT_EQ(risk(R"({"readOnlyHint":true,"destructiveHint":null})"), BridgeRisk::caution);
-    EXPECT_EQ(risk(R"({"readOnlyHint":false,"destructiveHint":"false"})"), BridgeRisk::critical);
-    EXPECT_EQ(risk(R"({"title":"x","openWorldHint":false})"), BridgeRisk::critical);
+    for (const auto& row : test::caseRows("risk.txt")) {
+        const Json annotations = row[0] == "-" ? Json() : parsed(row[0]);
+        EXPECT_EQ(rawValue(MCPWire::riskFloor(row[0] == "-" ? nullptr : &annotations)), row[1]) << row[0];
+    }
 }
 
 TEST(MCPWireFirstImageTests, FindsFirstQualifyingBlock) {
@@ -116,30 +85,12 @@ TEST(MCPWireDenyResultTests, ExactBytesAndFallback) {
 
 TEST(MCPWireToolCallTests, OnlyCallsTheGatewayCanSeeFaithfullyAreAsked) {
     using Outcome = MCPWire::ToolCallReading::Outcome;
-    const std::vector<std::tuple<std::string, Outcome, std::string>> rows = {
-        {R"("id":1,"params":{"name":"t"})", Outcome::ask, "{}"},
-        {R"("id":1,"params":{"name":"t","arguments":{"n":100000000000000000001,"b":[1.50,-0]}})", Outcome::ask,
-         R"({"b":[1.5,0],"n":100000000000000000001})"},
-        {R"("id":1,"params":{"name":"t","arguments":[]})", Outcome::ask, "[]"},
-        {R"("id":1,"params":{"name":"t","arguments":null})", Outcome::refuse, ""},
-        {R"("id":1,"params":{"name":"t","arguments":"{}"})", Outcome::refuse, ""},
-        {R"("id":1,"params":{"name":"t","arguments":{"a":[{"x":NaN}]}})", Outcome::refuse, ""},
-        {R"("id":1,"params":{"name":"t","arguments":{"a":1e400}})", Outcome::refuse, ""},
-        {R"("id":1,"params":{"name":"t","arguments":{"a":-Infinity}})", Outcome::refuse, ""},
-        {R"("id":1,"params":{"name":"t","arguments":{"path":"/safe","Path":"/etc/shadow"}})", Outcome::refuse, ""},
-        {R"("id":1,"params":{"name":"t","arguments":[{"é":1,"É":2}]})", Outcome::refuse, ""},
-        {R"("id":1,"params":{"name":"t","arguments":{"k":1,"K":2}})", Outcome::refuse, ""},
-        {R"("id":1,"params":{"name":"t","arguments":{"i":1,"İ":2,"ı":3}})", Outcome::ask, R"({"i":1,"İ":2,"ı":3})"},
-        {R"("id":1,"params":{"name":"t","_meta":{"progressToken":NaN}})", Outcome::refuse, ""},
-        {R"("id":NaN,"params":{"name":"t"})", Outcome::drop, ""},
-        {R"("id":[Infinity],"params":{"name":"t"})", Outcome::drop, ""},
-    };
-    for (const auto& [members, outcome, arguments] : rows) {
-        const Json message = parsed("{" + members + "}");
-        const MCPWire::ToolCallReading reading = MCPWire::readToolCall(message);
-        EXPECT_EQ(reading.outcome, outcome) << members;
-        if (outcome == Outcome::ask) {
-            EXPECT_EQ(reading.argumentsText, arguments) << members;
+    for (const auto& row : test::caseRows("tool-calls.txt")) {
+        const MCPWire::ToolCallReading reading = MCPWire::readToolCall(parsed("{" + row[0] + "}"));
+        const char* outcome = reading.outcome == Outcome::ask ? "ask" : reading.outcome == Outcome::refuse ? "refuse" : "drop";
+        EXPECT_EQ(outcome, row[1]) << row[0];
+        if (reading.outcome == Outcome::ask) {
+            EXPECT_EQ(reading.argumentsText, row[2]) << row[0];
         }
     }
     // Only strings and numbers are tokens to echo.
