@@ -1,5 +1,5 @@
 // Router behaviour the end-to-end runs cannot pin down: exact ordering against fakes, pins captured
-// before the client sees a list, heartbeat timers, and the ambiguity rule.
+// before the client sees a list, heartbeat timers, pending and cancelled decisions.
 
 #include <gtest/gtest.h>
 
@@ -22,6 +22,11 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+struct Handle final : BridgeCancellable {
+    std::atomic<bool> cancelled{false};
+    void cancel() override { cancelled = true; }
+};
+
 // Captures every write of one side; an optional hook sees each write as it happens.
 struct Sink {
     MCPBridgeRouter::WriteOperation operation() {
@@ -42,45 +47,42 @@ struct Sink {
     std::function<void(std::string_view)> hook;
 };
 
-// Records queries and events in one log (to check their order) and answers with scripted decisions.
+// Records queries and events in one log (to check their order) and answers with scripted
+// decisions, or, with holdDecisions, waits until the test decides through decide().
 struct FakeGateway final : BridgeGatewayClient {
+    struct Held {
+        std::shared_ptr<Handle> handle = std::make_shared<Handle>();
+        DecisionHandler onDecision;
+    };
     BridgeDecision requestDecision(const BridgeToolCallQuery& query) override {
         BridgeDecision decision = BridgeDecision::allow();
         {
             std::lock_guard<std::mutex> hold(lock);
             queries.push_back(query);
             log.push_back("query:" + query.tool);
-            if (!decisions.empty()) {
-                decision = decisions.front();
-                decisions.pop_front();
-            }
+            if (!decisions.empty()) decision = decisions.front(), decisions.pop_front();
         }
         if (whileDeciding) whileDeciding();
         return decision;
     }
-    // With holdDecisions, decisions wait until the test completes them through `held`.
-    struct Held final : BridgeCancellable {
-        DecisionHandler onDecision;
-        std::atomic<bool> cancelled{false};
-        void cancel() override { cancelled = true; }
-    };
-    std::shared_ptr<BridgeCancellable> startDecision(const BridgeToolCallQuery& query,
-                                                     DecisionHandler onDecision) override {
+    std::shared_ptr<BridgeCancellable> startDecision(const BridgeToolCallQuery& query, DecisionHandler onDecision) override {
         if (!holdDecisions) return BridgeGatewayClient::startDecision(query, std::move(onDecision));
-        auto handle = std::make_shared<Held>();
-        handle->onDecision = std::move(onDecision);
         std::lock_guard<std::mutex> hold(lock);
         queries.push_back(query);
-        held.push_back(handle);
-        return handle;
+        held.push_back({std::make_shared<Handle>(), std::move(onDecision)});
+        return held.back().handle;
     }
-    std::shared_ptr<Held> heldAt(std::size_t index) {
+    std::size_t heldCount() {
         std::lock_guard<std::mutex> hold(lock);
-        return index < held.size() ? held[index] : nullptr;
+        return held.size();
     }
-    // Completes a held decision, as the gateway client does: the handler is given up once used.
+    // As the gateway client does: the handler is given up once used.
     void decide(std::size_t index, BridgeDecision decision) {
-        DecisionHandler handler = std::move(heldAt(index)->onDecision);
+        DecisionHandler handler;
+        {
+            std::lock_guard<std::mutex> hold(lock);
+            handler = std::move(held[index].onDecision);
+        }
         handler(std::move(decision));
     }
     void postEvent(const BridgeEvent& event) override {
@@ -88,12 +90,11 @@ struct FakeGateway final : BridgeGatewayClient {
         events.push_back(event);
         log.push_back(std::holds_alternative<BridgeEvent::Screenshot>(event.payload()) ? "screenshot" : "pinViolation");
     }
-    // Tests read the records only while no call is under way.
-    std::mutex lock;
+    std::mutex lock; // tests read the records only while no call is under way
     std::deque<BridgeDecision> decisions;
     std::function<void()> whileDeciding;
     bool holdDecisions = false;
-    std::vector<std::shared_ptr<Held>> held;
+    std::deque<Held> held;
     std::vector<BridgeToolCallQuery> queries;
     std::vector<BridgeEvent> events;
     Lines log;
@@ -101,17 +102,13 @@ struct FakeGateway final : BridgeGatewayClient {
 
 // Records every timer and fires the live ones only when the test says so.
 struct FakeScheduler final : BridgeScheduler {
-    struct Handle final : BridgeCancellable {
-        std::atomic<bool> cancelled{false};
-        void cancel() override { cancelled = true; }
-    };
     struct Timer {
         double interval;
         std::function<void()> action;
-        std::shared_ptr<Handle> handle;
+        std::shared_ptr<Handle> handle = std::make_shared<Handle>();
     };
     std::shared_ptr<BridgeCancellable> scheduleRepeating(double everySeconds, std::function<void()> action) override {
-        timers.push_back({everySeconds, std::move(action), std::make_shared<Handle>()});
+        timers.push_back({everySeconds, std::move(action)});
         return timers.back().handle;
     }
     void fireLive() {
@@ -120,10 +117,7 @@ struct FakeScheduler final : BridgeScheduler {
         }
     }
     bool allCancelled() const {
-        for (const Timer& timer : timers) {
-            if (!timer.handle->cancelled) return false;
-        }
-        return true;
+        return std::all_of(timers.begin(), timers.end(), [](const Timer& timer) { return timer.handle->cancelled.load(); });
     }
     std::vector<Timer> timers; // touched only by the client-input thread in these tests
 };
@@ -140,10 +134,6 @@ Json parsed(std::string_view text) { return parseJson(text).value_or(Json()); }
 
 class MCPBridgeRouterTests : public ::testing::Test {
 protected:
-    MCPBridgeRouterTests() { build(); }
-    void build() {
-        router = std::make_shared<MCPBridgeRouter>(config, client.operation(), server.operation(), gateway, scheduler);
-    }
     void list(const std::string& id, const std::string& toolsJson) {
         router->handleClientLine(R"({"jsonrpc":"2.0","id":)" + id + R"(,"method":"tools/list"})");
         router->handleServerLine(R"({"jsonrpc":"2.0","id":)" + id + R"(,"result":{"tools":)" + toolsJson + "}}");
@@ -158,12 +148,13 @@ protected:
         return gateway->queries.back();
     }
 
-    MCPBridgeRouter::Config config{"worker-7", std::nullopt, "npx -y some-server", 15.0};
     Sink client;
     Sink server;
     std::shared_ptr<FakeGateway> gateway = std::make_shared<FakeGateway>();
     std::shared_ptr<FakeScheduler> scheduler = std::make_shared<FakeScheduler>();
-    std::shared_ptr<MCPBridgeRouter> router;
+    std::shared_ptr<MCPBridgeRouter> router = std::make_shared<MCPBridgeRouter>(
+        MCPBridgeRouter::Config{"worker-7", std::nullopt, "npx -y some-server", 15.0}, client.operation(),
+        server.operation(), gateway, scheduler);
 };
 
 } // namespace
@@ -226,6 +217,11 @@ TEST_F(MCPBridgeRouterTests, CapturesToolListsBeforeTheAnswerIsWrittenAndMatches
     EXPECT_EQ(queryFor("deep").pinHash.size(), 64u);
     list("10", R"([{"name":"mixed"},"x"])");
     EXPECT_EQ(queryFor("mixed").pinHash, "");
+    // Entries without a string name are skipped; of two with one name, the later one counts.
+    list("14", R"([{},{"name":3},{"name":"dup","annotations":{"readOnlyHint":true,"destructiveHint":false}},)"
+               R"({"name":"dup","description":"second"}])");
+    EXPECT_EQ(queryFor("dup").pinHash, MCPWire::pinHash(parsed(R"({"name":"dup","description":"second"})")));
+    EXPECT_EQ(queryFor("3").pinHash, "");
 
     // A notification with a pending id is relayed and leaves that id alone; a server-to-client
     // request with a pending id takes the key like an answer would.
@@ -358,7 +354,7 @@ TEST_F(MCPBridgeRouterTests, PendingDecisionsHoldNothingBackAndCancelledCallsNev
 
     // The client gives up on call 1: its request and heartbeat stop, and no word of it goes out.
     router->handleClientLine(R"({"jsonrpc":"2.0","method":"notifications/cancelled","params":{"requestId":1}})");
-    EXPECT_TRUE(gateway->heldAt(0)->cancelled);
+    EXPECT_TRUE(gateway->held[0].handle->cancelled);
     EXPECT_TRUE(scheduler->allCancelled());
     gateway->decide(0, BridgeDecision::allow()); // a verdict already on its way
     EXPECT_EQ(server.all().size(), 2u);
@@ -380,7 +376,7 @@ TEST_F(MCPBridgeRouterTests, PendingDecisionsHoldNothingBackAndCancelledCallsNev
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_FALSE(started);
     gateway->decide(2, BridgeDecision::deny("no"));
-    while (!gateway->heldAt(2 + MCPBridgeRouter::maxPendingDecisions)) std::this_thread::yield();
+    while (gateway->heldCount() <= 2 + MCPBridgeRouter::maxPendingDecisions) std::this_thread::yield();
     for (std::size_t i = 3; i <= 2 + MCPBridgeRouter::maxPendingDecisions; ++i) {
         gateway->decide(i, BridgeDecision::allow());
     }
