@@ -6,28 +6,16 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
-#include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include "MCPBridgeCore/Json.hpp"
 #include "sentrova-dev-gateway/DevGatewayServer.hpp"
@@ -54,13 +42,15 @@ inline Environment testEnvironment() {
     return env;
 }
 
+// A fresh path in a directory of this test process, removed with everything in it at the end.
 inline std::string temporaryPath(const std::string& name) {
-    static const std::string directory = [] {
-        std::string pattern = std::filesystem::temp_directory_path().string() + "/sentrova-e2e-XXXXXX";
-        return ::mkdtemp(pattern.data()) != nullptr ? pattern : std::string("/tmp");
-    }();
-    static int counter = 0;
-    return directory + "/" + std::to_string(counter++) + "-" + name;
+    static const struct Directory {
+        std::string path = std::filesystem::temp_directory_path().string() + "/sentrova-e2e-XXXXXX";
+        bool made = ::mkdtemp(path.data()) != nullptr;
+        ~Directory() { std::error_code ignored; made && std::filesystem::remove_all(path, ignored); }
+    } directory;
+    static std::atomic<int> counter = 0;
+    return directory.path + "/" + std::to_string(counter++) + "-" + name;
 }
 inline std::string readFile(const std::string& path) {
     std::ostringstream contents;
@@ -91,71 +81,17 @@ inline std::string callLine(const std::string& id, const std::string& tool, cons
 }
 inline std::string pingLine(int id) { return R"({"jsonrpc":"2.0","id":)" + std::to_string(id) + R"(,"method":"ping"})"; }
 
-struct ExitStatus {
-    int code = -1;  // -1 when a signal ended the process
-    int signal = 0;
-    friend bool operator==(const ExitStatus&, const ExitStatus&) = default;
-};
-
-// Collects one output stream of the child on a thread of its own.
-class Stream {
-public:
-    explicit Stream(int fd) : fd_(fd), thread_([this] { collect(); }) {}
-    ~Stream() { thread_.join(), ::close(fd_); }
-    std::string text() { // what has not been taken as lines
-        std::lock_guard lock(mutex_);
-        return text_.substr(taken_);
-    }
-    // The next complete line past those already taken, without its LF.
-    std::optional<std::string> takeLine(std::chrono::milliseconds timeout = kTimeout) {
-        std::unique_lock lock(mutex_);
-        std::size_t lf = std::string::npos, searched = taken_; // only new bytes are searched
-        changed_.wait_for(lock, timeout, [&] {
-            lf = text_.find('\n', searched), searched = text_.size();
-            return lf != std::string::npos || ended_;
-        });
-        if (lf == std::string::npos) return std::nullopt;
-        std::string line = text_.substr(taken_, lf - taken_);
-        taken_ = lf + 1;
-        return line;
-    }
-    bool waitForEnd(std::chrono::milliseconds timeout = kTimeout) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] { return ended_; });
-    }
-
-private:
-    void collect() {
-        char chunk[65536];
-        for (ssize_t count; (count = ::read(fd_, chunk, sizeof chunk)) != 0;) {
-            if (count < 0 && errno == EINTR) continue;
-            std::lock_guard lock(mutex_);
-            if (count < 0) break;
-            text_.append(chunk, static_cast<std::size_t>(count));
-            changed_.notify_all();
-        }
-        std::lock_guard lock(mutex_);
-        ended_ = true;
-        changed_.notify_all();
-    }
-    int fd_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::string text_;
-    std::size_t taken_ = 0;
-    bool ended_ = false;
-    std::thread thread_;
-};
-
+// The built bridge (or another program) as a child: its input a pipe, its output a pipe read on a
+// thread of its own, its error output a file.
 class Child {
 public:
-    // Starts program (the built bridge by default) with args and exactly env.
     explicit Child(const std::vector<std::string>& args, const Environment& env = testEnvironment(),
-                   const std::string& program = SENTROVA_BRIDGE_PATH) {
-        static const bool sigpipeIgnored = std::signal(SIGPIPE, SIG_IGN) != SIG_ERR; // EPIPE, not death
-        (void)sigpipeIgnored;
-        int in[2], out[2], err[2];
-        EXPECT_TRUE(::pipe2(in, O_CLOEXEC) == 0 && ::pipe2(out, O_CLOEXEC) == 0 && ::pipe2(err, O_CLOEXEC) == 0);
+                   const std::string& program = SENTROVA_BRIDGE_PATH)
+        : errorsPath_(temporaryPath("stderr")) {
+        static const auto ignored = std::signal(SIGPIPE, SIG_IGN); // writes to a child that has gone fail
+        (void)ignored;
+        int in[2], out[2];
+        EXPECT_TRUE(::pipe2(in, O_CLOEXEC) == 0 && ::pipe2(out, O_CLOEXEC) == 0);
         std::vector<std::string> words = {program}, entries;
         words.insert(words.end(), args.begin(), args.end());
         for (const auto& [name, value] : env) entries.push_back(name + "=" + value);
@@ -167,8 +103,8 @@ public:
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, in[0], 0);
         posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-        posix_spawnattr_t attributes;
+        posix_spawn_file_actions_addopen(&actions, 2, errorsPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawnattr_t attributes; // the child starts with SIGPIPE as it should be, not ignored
         posix_spawnattr_init(&attributes);
         sigset_t defaults;
         sigemptyset(&defaults), sigaddset(&defaults, SIGPIPE);
@@ -177,14 +113,15 @@ public:
         EXPECT_EQ(posix_spawn(&pid, program.c_str(), &actions, &attributes, argv.data(), envp.data()), 0);
         posix_spawnattr_destroy(&attributes);
         posix_spawn_file_actions_destroy(&actions);
-        ::close(in[0]), ::close(out[1]), ::close(err[1]);
-        input_ = in[1];
-        output = std::make_unique<Stream>(out[0]);
-        errors = std::make_unique<Stream>(err[0]);
+        ::close(in[0]), ::close(out[1]);
+        input_ = in[1], output_ = out[0];
+        reader_ = std::thread([this] { collect(); });
     }
     ~Child() {
         closeInput();
         if (!status_) ::kill(pid, SIGKILL), waitExit();
+        reader_.join(); // ends once every holder of the output pipe has gone
+        ::close(output_);
     }
     bool write(std::string_view bytes) {
         while (!bytes.empty()) {
@@ -196,36 +133,65 @@ public:
         return true;
     }
     bool writeLine(const std::string& line) { return write(line + "\n"); }
-    std::optional<std::string> readLine(std::chrono::milliseconds timeout = kTimeout) { return output->takeLine(timeout); }
-    std::string send(const std::string& line) { return writeLine(line) ? readLine().value_or("(none)") : "(closed)"; }
     void closeInput() {
         if (input_ >= 0) ::close(input_);
         input_ = -1;
     }
-    std::optional<ExitStatus> waitExit(std::chrono::milliseconds timeout = kTimeout) {
-        for (const auto giveUp = std::chrono::steady_clock::now() + timeout; !status_;) {
-            int raw = 0;
-            const pid_t done = ::waitpid(pid, &raw, WNOHANG);
-            if (done == pid) status_ = WIFEXITED(raw) ? ExitStatus{WEXITSTATUS(raw), 0} : ExitStatus{-1, WTERMSIG(raw)};
-            if ((done < 0 && errno != EINTR) || std::chrono::steady_clock::now() > giveUp) break;
-            if (!status_) std::this_thread::sleep_for(5ms);
+    // The next line of output, without its LF.
+    std::optional<std::string> readLine(std::chrono::milliseconds timeout = kTimeout) {
+        std::unique_lock lock(mutex_);
+        std::size_t lf = std::string::npos, searched = taken_; // only new bytes are searched
+        changed_.wait_for(lock, timeout, [&] {
+            lf = text_.find('\n', searched), searched = text_.size();
+            return lf != std::string::npos || ended_;
+        });
+        if (lf == std::string::npos) return std::nullopt;
+        std::string line = text_.substr(taken_, lf - taken_);
+        taken_ = lf + 1;
+        return line;
+    }
+    std::string send(const std::string& line) { return writeLine(line) ? readLine().value_or("(none)") : "(closed)"; }
+    // The exit code, or minus the signal that ended the child; nullopt while it runs.
+    std::optional<int> waitExit(std::chrono::milliseconds timeout = kTimeout) {
+        const auto giveUp = std::chrono::steady_clock::now() + timeout;
+        for (int raw = 0; !status_ && std::chrono::steady_clock::now() < giveUp; std::this_thread::sleep_for(5ms)) {
+            if (::waitpid(pid, &raw, WNOHANG) == pid) status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : -WTERMSIG(raw);
         }
         return status_;
     }
-    // Closes the input, waits for the exit, and returns all output.
-    std::string finish(ExitStatus expected = {0, 0}) {
+    // Closes the input, checks the exit status, and returns the output not yet read as lines.
+    std::string finish(int expected = 0) {
         closeInput();
         EXPECT_EQ(waitExit(), expected);
-        output->waitForEnd();
-        return output->text();
+        std::unique_lock lock(mutex_);
+        changed_.wait_for(lock, kTimeout, [&] { return ended_; });
+        return text_.substr(taken_);
     }
+    std::string errors() const { return readFile(errorsPath_); }
 
     pid_t pid = -1;
-    std::unique_ptr<Stream> output, errors;
 
 private:
-    int input_ = -1;
-    std::optional<ExitStatus> status_;
+    void collect() {
+        char chunk[65536];
+        for (ssize_t count; (count = ::read(output_, chunk, sizeof chunk)) > 0 || (count < 0 && errno == EINTR);) {
+            std::lock_guard lock(mutex_);
+            text_.append(chunk, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+            changed_.notify_all();
+        }
+        std::lock_guard lock(mutex_);
+        ended_ = true;
+        changed_.notify_all();
+    }
+    const std::string errorsPath_;
+    int input_ = -1, output_ = -1;
+    std::optional<int> status_;
+    std::thread reader_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::string text_;
+    std::size_t taken_ = 0;
+    bool ended_ = false;
 };
 
 // The dev gateway in this process with a policy of its own; its audit log tells what it got.
@@ -276,7 +242,7 @@ inline std::string member(const Json& object, const std::string& path) {
 // closes (with a reset when asked); an empty answer holds the connection open unanswered.
 class BrokenGateway {
 public:
-    BrokenGateway(std::string answer, bool reset) : answer_(std::move(answer)), reset_(reset) {
+    BrokenGateway(std::string answer, bool reset = false) : answer_(std::move(answer)), reset_(reset) {
         sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t length = sizeof address;
         listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -28,32 +28,29 @@ TEST(ProcessHostTests, CommandLineErrorsAreOneLineAndStatus64AndStartNoServer) {
               "a gateway origin is required (--gateway or SENTROVA_BRIDGE_GATEWAY)"},
              {{"--gateway", "http://127.0.0.1:1", "--help", "--", "touch", marker}, "unknown argument --help"}}) {
         Child bridge(args);
-        EXPECT_EQ(bridge.finish({64, 0}), "");
-        bridge.errors->waitForEnd();
-        EXPECT_EQ(bridge.errors->text(), "sentrova-mcp-bridge: " + message + "\n");
+        EXPECT_EQ(bridge.finish(64), "");
+        EXPECT_EQ(bridge.errors(), "sentrova-mcp-bridge: " + message + "\n");
     }
     EXPECT_FALSE(std::filesystem::exists(marker));
 }
 
 TEST(ProcessHostTests, ExitStatusIsTheServersOwn) {
-    EXPECT_EQ(server("exit 3").waitExit(), (ExitStatus{3, 0}));
-    EXPECT_EQ(server("kill -9 $$").waitExit(), (ExitStatus{9, 0})); // a signal's number becomes the code
-    EXPECT_EQ(server("kill -15 $$").waitExit(), (ExitStatus{15, 0}));
+    EXPECT_EQ(server("exit 3").waitExit(), 3);
+    EXPECT_EQ(server("kill -9 $$").waitExit(), 9); // a signal's number becomes the code
+    EXPECT_EQ(server("kill -15 $$").waitExit(), 15);
     // An ignored SIGCHLD stays ignored across exec; bash (unlike dash) hands that on to the bridge.
     EXPECT_EQ(fromBash("trap '' CHLD; exec " + kRunBridge, bridgeArgs(kDownGateway, "exit 3")).waitExit(),
-              (ExitStatus{3, 0}));
+              3);
     // Started with closed input and output: the input has ended, the server sees that and exits.
     Child closed = fromBash("exec 0<&- 1>&-; exec " + kRunBridge,
                             bridgeArgs(kDownGateway, "cat; echo lost; printf kept >&2; exit 6"));
-    EXPECT_EQ(closed.waitExit(), (ExitStatus{6, 0}));
-    closed.errors->waitForEnd();
-    EXPECT_EQ(closed.errors->text(), "kept");
+    EXPECT_EQ(closed.waitExit(), 6);
+    EXPECT_EQ(closed.errors(), "kept");
     // A program that cannot be started: env's own message and status.
     Child missing({"--gateway", kDownGateway, "--worker-name", "w", "--", "sentrova-e2e-no-such-program"});
-    EXPECT_EQ(missing.finish({127, 0}), "");
-    missing.errors->waitForEnd();
-    EXPECT_NE(missing.errors->text().find("sentrova-e2e-no-such-program"), std::string::npos);
-    EXPECT_EQ(missing.errors->text().find("failed to launch"), std::string::npos);
+    EXPECT_EQ(missing.finish(127), "");
+    EXPECT_NE(missing.errors().find("sentrova-e2e-no-such-program"), std::string::npos);
+    EXPECT_EQ(missing.errors().find("failed to launch"), std::string::npos);
 }
 
 TEST(ProcessHostTests, ServerSeesEnvironmentAndArgumentsAndItsErrorsArriveUnchanged) {
@@ -67,9 +64,8 @@ TEST(ProcessHostTests, ServerSeesEnvironmentAndArgumentsAndItsErrorsArriveUnchan
     writeFile(bytesFile, bytes);
     const std::vector<std::string> words = {envFile, argsFile, bytesFile, "", "a b", "--", "--gateway"};
     Child bridge = server(R"(env -0 > "$0"; printf '%s\0' "$0" "$@" > "$1"; cat "$2" >&2; exit 2)", words, env);
-    EXPECT_EQ(bridge.finish({2, 0}), "");
-    bridge.errors->waitForEnd();
-    EXPECT_TRUE(bridge.errors->text() == bytes) << "stderr size " << bridge.errors->text().size();
+    EXPECT_EQ(bridge.finish(2), "");
+    EXPECT_TRUE(bridge.errors() == bytes) << "stderr size " << bridge.errors().size();
     auto entries = [](const std::string& text) {
         std::vector<std::string> list;
         for (std::size_t start = 0, nul; (nul = text.find('\0', start)) != std::string::npos; start = nul + 1) {
@@ -88,7 +84,7 @@ TEST(ProcessHostTests, ServerSeesEnvironmentAndArgumentsAndItsErrorsArriveUnchan
 
 TEST(ProcessHostTests, TheEndOfEitherSideLosesNoLine) {
     // The client closes its input: the run ends with the server's status.
-    EXPECT_EQ(server("cat > /dev/null; exit 5").finish({5, 0}), "");
+    EXPECT_EQ(server("cat > /dev/null; exit 5").finish(5), "");
     // The server closes its output first: the client's lines still reach it, and the run does
     // not end before the server does.
     const std::string record = temporaryPath("record");
@@ -96,7 +92,7 @@ TEST(ProcessHostTests, TheEndOfEitherSideLosesNoLine) {
     ASSERT_TRUE(early.writeLine(pingLine(1)));
     EXPECT_FALSE(early.waitExit(500ms).has_value());
     ASSERT_TRUE(early.writeLine(pingLine(2)));
-    EXPECT_EQ(early.finish({4, 0}), "");
+    EXPECT_EQ(early.finish(4), "");
     EXPECT_EQ(readFile(record), pingLine(1) + "\n" + pingLine(2) + "\n");
     // Lines written just before the server exits, or after the client has left, all arrive.
     std::string lines;
@@ -107,7 +103,7 @@ TEST(ProcessHostTests, TheEndOfEitherSideLosesNoLine) {
     Child slow = fromBash(kRunBridge + " | { sleep 3; exec cat; }; exit ${PIPESTATUS[0]}",
                           bridgeArgs(kDownGateway, "for i in 1 2 3; do head -c 500000 /dev/zero | tr '\\0' x; echo; done"));
     for (int i = 0; i < 3; ++i) EXPECT_EQ(slow.readLine().value_or("").size(), 500'000u);
-    EXPECT_EQ(slow.waitExit(), (ExitStatus{0, 0}));
+    EXPECT_EQ(slow.waitExit(), 0);
 }
 
 TEST(ProcessHostTests, TheServerGetsTheBridgesSignalsAndNeverOutlivesIt) {
@@ -116,14 +112,14 @@ TEST(ProcessHostTests, TheServerGetsTheBridgesSignalsAndNeverOutlivesIt) {
     struct Row {
         int signal; // 0: the client closes the bridge's input
         std::string server;
-        ExitStatus bridge;
+        int bridge; // its exit code, or minus the signal that ended it
         double seconds; // at least this long until the bridge exits
     };
     const std::vector<Row> rows = {
-        {SIGTERM, sleeper, {SIGTERM, 0}, 0}, {SIGINT, sleeper, {SIGINT, 0}, 0}, {SIGHUP, sleeper, {SIGHUP, 0}, 0},
-        {SIGKILL, sleeper, {-1, SIGKILL}, 0}, // the server gets its parent-death signal
-        {0, sleeper, {SIGTERM, 0}, 5},        // 5 s after the end of its input, SIGTERM
-        {0, stubborn, {SIGKILL, 0}, 10},      // and SIGKILL 5 s later
+        {SIGTERM, sleeper, SIGTERM, 0}, {SIGINT, sleeper, SIGINT, 0}, {SIGHUP, sleeper, SIGHUP, 0},
+        {SIGKILL, sleeper, -SIGKILL, 0}, // the server gets its parent-death signal
+        {0, sleeper, SIGTERM, 5},        // 5 s after the end of its input, SIGTERM
+        {0, stubborn, SIGKILL, 10},      // and SIGKILL 5 s later
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.server + ", signal " + std::to_string(row.signal));
