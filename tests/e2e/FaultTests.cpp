@@ -1,6 +1,7 @@
 // Fault injection against the built bridge: a misbehaving gateway, server or client must never
 // let a call through, crash the bridge, hang it past its deadline, or lose or cut a line.
 
+#include <array>
 #include <set>
 
 #include <httplib.h>
@@ -22,21 +23,12 @@ double secondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-struct ProcessSample {
-    std::size_t threads = 0, descriptors = 0;
-    long residentKB = 0, peakKB = 0;
-};
-ProcessSample sample(pid_t pid) {
-    const std::string proc = "/proc/" + std::to_string(pid);
-    ProcessSample s;
-    for (const auto& entry : std::filesystem::directory_iterator(proc + "/task")) s.threads += entry.exists();
-    for (const auto& entry : std::filesystem::directory_iterator(proc + "/fd")) s.descriptors += !entry.path().empty();
-    std::istringstream status(readFile(proc + "/status"));
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmRSS:", 0) == 0) s.residentKB = std::stol(line.substr(6));
-        if (line.rfind("VmHWM:", 0) == 0) s.peakKB = std::stol(line.substr(6));
-    }
-    return s;
+// Threads, open descriptors and resident kB (now and at the peak) of a running process.
+std::array<long, 4> sample(pid_t pid) {
+    const std::string proc = "/proc/" + std::to_string(pid), status = readFile(proc + "/status");
+    auto field = [&](const std::string& name) { return std::atol(status.c_str() + status.find(name) + name.size()); };
+    const long descriptors = std::distance(std::filesystem::directory_iterator(proc + "/fd"), {});
+    return {field("\nThreads:"), descriptors, field("\nVmRSS:"), field("\nVmHWM:")};
 }
 
 TEST(FaultTests, EveryGatewayFailureDeniesAndNothingReachesTheServer) {
@@ -108,7 +100,7 @@ TEST(FaultTests, TwentyMegabyteLinesArriveWholeInBoundedMemory) {
     EXPECT_TRUE(bridge.readLine(60s) == std::string(size, 'x'));
     // Still relaying and still guarding afterwards.
     EXPECT_NE(bridge.send(callLine("1", "delete_everything")).find("(fail-closed)"), std::string::npos);
-    const long peakMB = sample(bridge.pid).peakKB / 1024;
+    const long peakMB = sample(bridge.pid)[3] / 1024;
     std::printf("peak resident memory with 20 MB lines both ways: %ld MB\n", peakMB);
     if (kCheckMemory) {
         EXPECT_LT(peakMB, 250);
@@ -191,39 +183,30 @@ TEST(FaultTests, ManyCallsInARowLeaveNoThreadDescriptorOrMemoryGrowth) {
     constexpr int kWarmUp = 1'000, kCalls = 10'000;
     DevGateway allowing(R"({"rules":[{"tool":"*","decision":"allow"}]})");
     Child bridge(bridgeArgs(allowing.url, kServer, {"/dev/null", kOk, "/dev/null"}));
-    int sent = 0, answered = 0;
-    auto runCalls = [&](int upTo) {
-        // Written in blocks, so the pipes stay busy without the test waiting for each answer.
-        while (answered < upTo) {
-            std::string block;
-            while (sent < upTo && sent - answered < 200) block += callLine(std::to_string(++sent), "echo") + "\n";
-            ASSERT_TRUE(bridge.write(block));
-            // Decisions run side by side, so the answers of a block may come in any order.
-            std::set<std::string> ids;
-            for (const int first = answered; answered < sent; ++answered) {
+    std::set<std::string> answered; // decisions run side by side: answers come in any order
+    auto runCalls = [&](int from, int to) {
+        for (int block = from; block < to; block += 200) { // the pipes stay busy, no wait per answer
+            std::string calls;
+            for (int id = block; id < std::min(block + 200, to); ++id) calls += callLine(std::to_string(id), "e") + "\n";
+            EXPECT_TRUE(bridge.write(calls));
+            for (int id = block; id < std::min(block + 200, to); ++id) {
                 const std::string line = bridge.readLine(600s).value_or("(none)");
-                ASSERT_NE(line.find(R"("text":"ok")"), std::string::npos) << line;
-                ids.insert(line.substr(0, line.find(',', line.find("\"id\":"))));
-                ASSERT_EQ(ids.size(), static_cast<std::size_t>(answered + 1 - first)) << "an id answered twice";
+                EXPECT_NE(line.find(R"("text":"ok")"), std::string::npos) << line;
+                answered.insert(line.substr(0, line.find(",\"result\"")));
             }
         }
-    };
-    auto settled = [&] {
         std::this_thread::sleep_for(300ms); // transient resolver threads end
         return sample(bridge.pid);
     };
-    runCalls(kWarmUp);
-    const ProcessSample early = settled();
-    runCalls(kCalls);
-    const ProcessSample late = settled();
-    std::printf("after %d calls: %zu threads, %zu fds, %ld kB; after %d: %zu threads, %zu fds, %ld kB\n", kWarmUp,
-                early.threads, early.descriptors, early.residentKB, kCalls, late.threads, late.descriptors,
-                late.residentKB);
-    EXPECT_LE(late.threads, early.threads + 1);
-    EXPECT_LE(late.descriptors, early.descriptors + 2);
+    const auto early = runCalls(0, kWarmUp), late = runCalls(kWarmUp, kCalls);
+    std::printf("threads, descriptors, kB after %d calls: %ld %ld %ld, after %d: %ld %ld %ld\n", kWarmUp, early[0],
+                early[1], early[2], kCalls, late[0], late[1], late[2]);
+    EXPECT_LE(late[0], early[0] + 1);
+    EXPECT_LE(late[1], early[1] + 2);
     if (kCheckMemory) {
-        EXPECT_LE(late.residentKB, early.residentKB + 8 * 1024);
+        EXPECT_LE(late[2], early[2] + 8 * 1024);
     }
+    EXPECT_EQ(answered.size(), static_cast<std::size_t>(kCalls)) << "each call answered once";
     EXPECT_EQ(allowing.records("toolcall", kCalls).size(), static_cast<std::size_t>(kCalls));
     bridge.finish();
 }

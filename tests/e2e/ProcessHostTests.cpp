@@ -3,6 +3,7 @@
 // No test here asks the gateway; a refused port keeps it that way.
 
 #include <algorithm>
+#include <numeric>
 
 #include "BridgeHarness.hpp"
 
@@ -63,20 +64,14 @@ TEST(ProcessHostTests, ServerSeesEnvironmentAndArgumentsAndItsErrorsArriveUnchan
     const std::string bytes = "first line\n\tsecond \x01\xff line\r\n" + std::string(100'000, 'e') + " no LF";
     writeFile(bytesFile, bytes);
     const std::vector<std::string> words = {envFile, argsFile, bytesFile, "", "a b", "--", "--gateway"};
-    Child bridge = server(R"(env -0 > "$0"; printf '%s\0' "$0" "$@" > "$1"; cat "$2" >&2; exit 2)", words, env);
+    Child bridge = server(R"(env -0 | LC_ALL=C sort -z > "$0"; printf '%s\0' "$0" "$@" > "$1"; cat "$2" >&2; exit 2)",
+                          words, env);
     EXPECT_EQ(bridge.finish(2), "");
     EXPECT_TRUE(bridge.errors() == bytes) << "stderr size " << bridge.errors().size();
-    auto entries = [](const std::string& text) {
-        std::vector<std::string> list;
-        for (std::size_t start = 0, nul; (nul = text.find('\0', start)) != std::string::npos; start = nul + 1) {
-            list.push_back(text.substr(start, nul - start));
-        }
-        std::sort(list.begin(), list.end());
-        return list;
-    };
-    std::string expected;
-    for (const auto& [name, value] : env) expected += name + "=" + value + '\0';
-    EXPECT_EQ(entries(readFile(envFile)), entries(expected));
+    std::vector<std::string> entries;
+    for (const auto& [name, value] : env) entries.push_back(name + "=" + value + '\0');
+    std::sort(entries.begin(), entries.end());
+    EXPECT_EQ(readFile(envFile), std::accumulate(entries.begin(), entries.end(), std::string()));
     std::string argv;
     for (const auto& word : words) argv += word + '\0';
     EXPECT_EQ(readFile(argsFile), argv);
