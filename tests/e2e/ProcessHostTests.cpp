@@ -92,7 +92,9 @@ TEST(ProcessHostTests, TheEndOfEitherSideLosesNoLine) {
     // Lines written just before the server exits, or after the client has left, all arrive.
     std::string lines;
     for (int i = 0; i < 10000; ++i) lines += std::to_string(i) + "\n";
-    EXPECT_EQ(server("seq 0 9999").finish(), lines);
+    Child exiting = server("seq 0 9999"); // the client's input stays open
+    EXPECT_EQ(exiting.waitExit(), 0);
+    EXPECT_EQ(exiting.finish(), lines);
     EXPECT_EQ(server("cat > /dev/null; sleep 0.2; seq 0 2").finish(), "0\n1\n2\n");
     // A slow client gets every byte, long after the server has written its lines and exited.
     Child slow = fromBash(kRunBridge + " | { sleep 3; exec cat; }; exit ${PIPESTATUS[0]}",
@@ -142,17 +144,27 @@ TEST(ProcessHostTests, TheServerGetsTheBridgesSignalsAndNeverOutlivesIt) {
     }
 }
 
-TEST(ProcessHostTests, FramingAndOrderOfLines) {
-    const std::string record = temporaryPath("record");
-    // Empty lines are dropped, CR is kept, a last line needs no LF; a million-byte line and a
-    // hundred thousand small ones keep their bytes and their order.
-    Child bridge = server(R"(printf 'from server\r\n\n\nno LF'; exec cat > "$0")", {record});
+TEST(ProcessHostTests, LinesKeepTheirBytesAndOrderBothWays) {
+    // From the server: random bytes (NULs, invalid UTF-8, CRs, stray and doubled LFs) and a last
+    // line without LF come out as every non-empty line, each with one LF.
+    std::string garbage(300'000, '\0'), expected;
+    std::uint32_t state = 12345;
+    for (char& c : garbage) c = static_cast<char>((state = state * 1664525u + 1013904223u) >> 24);
+    garbage += "\r\n\n\nno LF";
+    for (std::size_t start = 0, lf; start < garbage.size(); start = lf + 1) {
+        lf = std::min(garbage.find('\n', start), garbage.size());
+        if (lf > start) expected += garbage.substr(start, lf - start) + "\n";
+    }
+    const std::string file = temporaryPath("garbage"), record = temporaryPath("record");
+    writeFile(file, garbage);
+    Child bridge = server(R"(cat "$1"; exec cat > "$0")", {record, file});
+    // From the client: the same framing, a million-byte line and a hundred thousand small ones.
     const std::string big = R"({"jsonrpc":"2.0","method":"m","params":{"data":")" + std::string(999'950, 'b') + "B\"}}";
     std::string lines = big + "\n";
     for (int i = 1; i <= 100'000; ++i) lines += pingLine(i) + "\n";
     // The output is collected all the while, so nothing blocks on a full pipe.
     ASSERT_TRUE(bridge.write("\n\n" + pingLine(0) + "\r\n\n" + lines + pingLine(-1)));
-    EXPECT_EQ(bridge.finish(), "from server\r\nno LF\n");
+    EXPECT_TRUE(bridge.finish() == expected);
     EXPECT_TRUE(readFile(record) == pingLine(0) + "\r\n" + lines + pingLine(-1) + "\n") << readFile(record).size();
 }
 
