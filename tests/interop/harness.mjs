@@ -30,7 +30,6 @@ export function serverScript(packageName) {
   return path.join(dir, typeof bin === 'string' ? bin : Object.values(bin)[0]);
 }
 export const everythingServer = () => [serverScript('@modelcontextprotocol/server-everything'), 'stdio'];
-export const filesystemServer = (...dirs) => [serverScript('@modelcontextprotocol/server-filesystem'), ...dirs];
 export const memoryServer = () => [serverScript('@modelcontextprotocol/server-memory')];
 
 export const temporaryDirectory = (label) =>
@@ -57,7 +56,7 @@ export async function startGateway(rules, { token = crypto.randomBytes(16).toStr
   const auditRecords = () => (fs.existsSync(auditPath) ? fs.readFileSync(auditPath, 'utf8') : '')
     .split('\n').filter(Boolean).map((l) => JSON.parse(l));
   return {
-    url, token, auditPath, auditRecords,
+    url, token, auditRecords,
     pageURL: `${url}/#token=${token}`,
     toolcalls: () => auditRecords().filter((r) => r.kind === 'toolcall'),
     async stop() {
@@ -70,10 +69,9 @@ export async function startGateway(rules, { token = crypto.randomBytes(16).toStr
 
 // An SDK client session with a server, through the bridge when a gateway is given. The SDK
 // hands a child only a few variables of its environment, so the environment is passed whole.
-export async function connect({ server, gateway, bridge = bridgeBinary, serverEnv = {}, workerName = 'interop-worker', heartbeat = 0.2,
-  token, capabilities = {}, prepare }) {
-  const client = new Client({ name: 'sentrova-interop', version: '1.0.0' }, { capabilities });
-  prepare?.(client);
+export async function connect({ server, gateway, bridge = bridgeBinary, serverEnv = {}, workerName = 'interop-worker',
+  heartbeat = 0.2, token }) {
+  const client = new Client({ name: 'sentrova-interop', version: '1.0.0' });
   const env = { PATH: process.env.PATH, HOME: process.env.HOME ?? os.tmpdir(), ...serverEnv };
   if (gateway) env.SENTROVA_GATEWAY_TOKEN = token ?? gateway.token;
   const transport = new StdioClientTransport(gateway
@@ -81,15 +79,9 @@ export async function connect({ server, gateway, bridge = bridgeBinary, serverEn
       '--', process.execPath, ...server], env, stderr: 'ignore' }
     : { command: process.execPath, args: server, env, stderr: 'ignore' });
   await client.connect(transport);
-  // Every message from the other side, in order, also those the SDK drops.
-  const received = [];
-  const deliver = transport.onmessage;
-  transport.onmessage = (message, extra) => { received.push(message); deliver?.(message, extra); };
   const exited = once(transport._process, 'exit'); // the SDK keeps its child private
   return {
-    client, received,
-    progressFor: (token) => received.filter((m) => m.method === 'notifications/progress' &&
-      m.params?.progressToken === token).map(({ params: { progressToken, ...rest } }) => rest),
+    client,
     // Ends the child's input; gives its [code, signal].
     async close() {
       await client.close();
