@@ -17,11 +17,10 @@ const loopbackOnly = 'data:text/javascript,' + encodeURIComponent(`
     this.once('listening', () => console.error('loopback port ' + this.address().port));
     return listen.call(this, 0, '127.0.0.1', args.find((arg) => typeof arg === 'function'));
   };`);
-const marker = 'remote-environment-marker-4711';
 
 test('an allowed call returns the remote result; a denied call never reaches the remote server', async () => {
   const remote = spawn(process.execPath, ['--import', loopbackOnly, serverScript('@modelcontextprotocol/server-everything'),
-    'streamableHttp'], { stdio: ['ignore', 'pipe', 'pipe'], env: { ...process.env, SENTROVA_REMOTE_MARKER: marker } });
+    'streamableHttp'], { stdio: ['ignore', 'pipe', 'pipe'] });
   let log = '', errors = '';
   remote.stdout.on('data', (chunk) => { log += chunk; });
   remote.stderr.on('data', (chunk) => { errors += chunk; });
@@ -29,7 +28,7 @@ test('an allowed call returns the remote result; a denied call never reaches the
   const gateway = await startGateway([{ tool: 'echo', decision: 'allow' }, { tool: 'get-env', decision: 'deny', reason: 'private' }]);
   try {
     const port = await waitFor('the remote server', () => /loopback port (\d+)/.exec(errors)?.[1]);
-    const { client, received, close } = await connect({ gateway, serverEnv: { HOME: home, MCP_REMOTE_CONFIG_DIR: home },
+    const { client, close } = await connect({ gateway, serverEnv: { HOME: home, MCP_REMOTE_CONFIG_DIR: home },
       server: [serverScript('mcp-remote'), `http://127.0.0.1:${port}/mcp`, '--transport', 'http-only'] });
     try {
       assert.ok((await client.listTools()).tools.some((tool) => tool.name === 'get-env'));
@@ -44,7 +43,6 @@ test('an allowed call returns the remote result; a denied call never reaches the
       await client.listTools();
       await waitFor('the POSTs of the echo and tools/list', () => posts() >= before + 2);
       assert.equal(posts(), before + 2);
-      assert.ok(!JSON.stringify(received).includes(marker));
     } finally {
       await close();
     }
