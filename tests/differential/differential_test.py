@@ -37,9 +37,9 @@ class Folded:  # an object as Go decodes it into a struct: the last case-insensi
 
 
 def plain(value):  # Folded values as a Go server sees them, for comparison
-    if isinstance(value, Folded):
-        return {go_fold(k): plain(v) for k, v in value.pairs}
-    return [plain(v) for v in value] if isinstance(value, list) else value
+    if isinstance(value, (Folded, list)):
+        return {go_fold(k): plain(v) for k, v in value.pairs} if isinstance(value, Folded) else [plain(v) for v in value]
+    return value
 
 
 GO = json.JSONDecoder(object_pairs_hook=Folded)
@@ -48,13 +48,9 @@ MISSING = object()
 
 def messages(value):
     """(method, has id, tool name, arguments) of each message a server executes from one value."""
-    out = []
-    for m in value if isinstance(value, list) else [value]:
-        if isinstance(m, (dict, Folded)):
-            params = m.get("params")
-            params = params if isinstance(params, (dict, Folded)) else {}
-            out.append((m.get("method"), "id" in m, params.get("name"), params.get("arguments", MISSING)))
-    return out
+    params = lambda m: m.get("params") if isinstance(m.get("params"), (dict, Folded)) else {}
+    return [(m.get("method"), "id" in m, params(m).get("name"), params(m).get("arguments", MISSING))
+            for m in (value if isinstance(value, list) else [value]) if isinstance(m, (dict, Folded))]
 
 
 def go_values(text, resync):
