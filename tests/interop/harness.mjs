@@ -45,7 +45,8 @@ export async function waitFor(what, condition, timeoutMs = 15000) {
 }
 
 // sentrova-dev-gateway on 127.0.0.1:0 with these policy rules, an audit log and a token.
-export async function startGateway(rules, { token = crypto.randomBytes(16).toString('hex') } = {}) {
+export async function startGateway(rules) {
+  const token = crypto.randomBytes(16).toString('hex');
   const dir = temporaryDirectory('gateway');
   fs.writeFileSync(path.join(dir, 'policy.json'), JSON.stringify({ rules }));
   const auditPath = path.join(dir, 'audit', 'audit.jsonl');
@@ -70,10 +71,10 @@ export async function startGateway(rules, { token = crypto.randomBytes(16).toStr
 // An SDK client session with a server, through the bridge when a gateway is given. The SDK
 // hands a child only a few variables of its environment, so the environment is passed whole.
 export async function connect({ server, gateway, bridge = bridgeBinary, serverEnv = {}, workerName = 'interop-worker',
-  heartbeat = 0.2, token }) {
+  heartbeat = 0.2 }) {
   const client = new Client({ name: 'sentrova-interop', version: '1.0.0' });
   const env = { PATH: process.env.PATH, HOME: process.env.HOME ?? os.tmpdir(), ...serverEnv };
-  if (gateway) env.SENTROVA_GATEWAY_TOKEN = token ?? gateway.token;
+  if (gateway) env.SENTROVA_GATEWAY_TOKEN = gateway.token;
   const transport = new StdioClientTransport(gateway
     ? { command: bridge, args: ['--worker-name', workerName, '--gateway', gateway.url, '--heartbeat', String(heartbeat),
       '--', process.execPath, ...server], env, stderr: 'ignore' }

@@ -8,6 +8,8 @@ import { test } from 'node:test';
 
 import { connect, denyText, serverScript, startGateway, temporaryDirectory, waitFor } from './harness.mjs';
 
+// Arguments that a careless relay would mangle: quotes, slashes, escapes, non-ASCII text.
+const tricky = 'quote " slash / backslash \\ tab \t emoji \u{1F600} e\u0301 \u2028 end';
 // server-everything listens on $PORT on every address; this preload keeps it on 127.0.0.1 with a
 // port of the system's choosing, and names the port.
 const loopbackOnly = 'data:text/javascript,' + encodeURIComponent(`
@@ -33,7 +35,7 @@ test('an allowed call returns the remote result; a denied call never reaches the
     try {
       assert.ok((await client.listTools()).tools.some((tool) => tool.name === 'get-env'));
       const echo = (message) => client.callTool({ name: 'echo', arguments: { message } });
-      assert.deepEqual(await echo('over http'), { content: [{ type: 'text', text: 'Echo: over http' }] });
+      assert.deepEqual(await echo(tricky), { content: [{ type: 'text', text: `Echo: ${tricky}` }] });
       // The server logs every POST: after the deny only those of the echo and tools/list arrive.
       const posts = () => log.split('Received MCP POST request').length - 1;
       const before = posts();
