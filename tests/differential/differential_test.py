@@ -96,11 +96,11 @@ def is_call(m, with_id=True):
 def run_bridge(bridge, gateway, lines, workdir, token=""):
     record = os.path.join(workdir, "received")
     env = {"PATH": os.environ["PATH"], "SENTROVA_GATEWAY_TOKEN": token}
-    result = subprocess.run([bridge, "--gateway", gateway, "--worker-name", "differential", "--deadline", "20",
-                             "--", "sh", "-c", 'exec cat >"$1"', "recorder", record],
-                            input=b"".join(line + b"\n" for line in lines), capture_output=True, timeout=600, env=env)
+    subprocess.run([bridge, "--gateway", gateway, "--worker-name", "differential", "--deadline", "20",
+                    "--", "sh", "-c", 'exec cat >"$1"', "recorder", record],
+                   input=b"".join(line + b"\n" for line in lines), capture_output=True, timeout=600, env=env)
     with open(record, "rb") as f:
-        return result, f.read()
+        return f.read()
 
 
 def as_double(x):
@@ -158,7 +158,7 @@ def main():
         # Pass 1: every call denied, the whole corpus through one bridge.
         with socket.socket() as s:  # bound, never listening: every connection is refused
             s.bind(("127.0.0.1", 0))
-            _, received = run_bridge(args.bridge, "http://127.0.0.1:%d" % s.getsockname()[1], lines, workdir)
+            received = run_bridge(args.bridge, "http://127.0.0.1:%d" % s.getsockname()[1], lines, workdir)
         server_lines, pos = received.split(b"\n")[:-1], 0
         for line, view in zip(lines, views):
             reached = pos < len(server_lines) and server_lines[pos] == line
@@ -186,7 +186,7 @@ def main():
                           if any(is_call(m) for ms in view.values() for m in ms)]
             for line, view in call_lines:
                 seen = os.path.getsize(audit) if os.path.exists(audit) else 0
-                _, received = run_bridge(args.bridge, url, [line], workdir, "t")
+                received = run_bridge(args.bridge, url, [line], workdir, "t")
                 with open(audit) as f:
                     f.seek(seen)
                     queries = [r["query"] for r in map(json.loads, f.read().splitlines()) if r["kind"] == "toolcall"]

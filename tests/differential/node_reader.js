@@ -18,9 +18,5 @@ function read(line) {
   });
 }
 
-const chunks = [];
-process.stdin.on('data', (chunk) => chunks.push(chunk));
-process.stdin.on('end', () => {
-  const lines = Buffer.concat(chunks).toString('utf8').split('\n').slice(0, -1);
-  process.stdout.write(JSON.stringify(lines.map(read)));
-});
+const lines = require('node:fs').readFileSync(0, 'utf8').split('\n').slice(0, -1);
+process.stdout.write(JSON.stringify(lines.map(read)));

@@ -7,14 +7,8 @@ import { parseArgs } from 'node:util';
 
 import { connect, everythingServer, waitFor } from './harness.mjs';
 
-const { values: options } = parseArgs({
-  options: {
-    bridge: { type: 'string' },
-    gateway: { type: 'string' },
-    'audit-log': { type: 'string' },
-    heartbeat: { type: 'string', default: '0.5' },
-  },
-});
+const text = { type: 'string' };
+const { values: options } = parseArgs({ options: { bridge: text, gateway: text, 'audit-log': text, heartbeat: { ...text, default: '0.5' } } });
 const missing = ['bridge', 'gateway', 'audit-log'].find((required) => !options[required]);
 if (missing) {
   console.error(`demo-client: --${missing} is required`);
