@@ -1,16 +1,12 @@
 #pragma once
 
-// Properties of the JSON reader and writer, shared by the fuzz target and the regression replay;
-// each check returns "" when the input behaves, else the fault. Whether the reader reads what
-// Node, Python and Go servers read is the differential test's job, with the real parsers; here
-// the reader must not crash or over-read (ASan watches), and for every text it accepts:
-// - the writer's text reads back, and holds nothing that JSON.parse refuses although the reader
-//   takes it (NaN, Infinity, a BOM, whitespace, raw control bytes, invalid UTF-8), with "/"
-//   escaped exactly when asked for;
-// - read -> write -> read is stable: after one normalisation the text is a fixpoint;
-// - the writer refuses a value exactly when it holds a non-finite number.
-// Besides, numbers made from the input's bytes (any integer, unsigned integer, double) read back
-// as the writer wrote them.
+// Properties of the JSON reader and writer, shared by the fuzz target and the regression replay
+// (whether the reader reads what Node, Python and Go servers read is the differential test's job,
+// with the real parsers). The reader must not crash or over-read (ASan watches); for each text it
+// accepts, and for numbers made from the input's bytes, the writer's text reads back and holds
+// nothing JSON.parse refuses (NaN, Infinity, a BOM, whitespace, control bytes, invalid UTF-8),
+// "/" escaped exactly when asked for; read -> write -> read is stable; the writer refuses a
+// value exactly when it holds a non-finite number.
 
 #include <bit>
 #include <cmath>

@@ -91,7 +91,6 @@ struct RecordedWrite {
     bool toServer;
     std::string bytes;
 };
-
 inline std::string checkClientLine(const std::string& line, const std::vector<RecordedWrite>& writes, std::size_t asked,
                                    bool allowed) {
     std::size_t toServer = 0, answers = 0, results = 0, heartbeats = 0;

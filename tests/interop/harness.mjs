@@ -1,6 +1,5 @@
-// Shared pieces of the interop tests: the dev gateway on a free loopback port with a per-test
-// policy, MCP servers from node_modules, and SDK clients connected to a server directly or
-// through sentrova-mcp-bridge.
+// Shared pieces of the interop tests: the dev gateway with a per-test policy, MCP servers from
+// node_modules, and SDK clients connected to a server directly or through sentrova-mcp-bridge.
 
 import { spawn } from 'node:child_process';
 import crypto from 'node:crypto';
@@ -32,8 +31,7 @@ export function serverScript(packageName) {
 export const everythingServer = () => [serverScript('@modelcontextprotocol/server-everything'), 'stdio'];
 export const memoryServer = () => [serverScript('@modelcontextprotocol/server-memory')];
 
-export const temporaryDirectory = (label) =>
-  fs.realpathSync(fs.mkdtempSync(path.join(os.tmpdir(), `sentrova-interop-${label}-`)));
+export const temporaryDirectory = (label) => fs.realpathSync(fs.mkdtempSync(path.join(os.tmpdir(), `sentrova-${label}-`)));
 
 export async function waitFor(what, condition, timeoutMs = 15000) {
   for (const deadline = Date.now() + timeoutMs; ;) {
