@@ -5,24 +5,14 @@
 import fs from 'node:fs';
 import { parseArgs } from 'node:util';
 
-import { Client } from '@modelcontextprotocol/sdk/client/index.js';
-import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
+import { connect, everythingServer, waitFor } from './harness.mjs';
 
-import { everythingServer, waitFor } from './harness.mjs';
-
-const { values: options } = parseArgs({
-  options: {
-    bridge: { type: 'string' },
-    gateway: { type: 'string' },
-    'audit-log': { type: 'string' },
-    heartbeat: { type: 'string', default: '0.5' },
-  },
-});
-for (const required of ['bridge', 'gateway', 'audit-log']) {
-  if (!options[required]) {
-    console.error(`demo-client: --${required} is required`);
-    process.exit(64);
-  }
+const text = { type: 'string' };
+const { values: options } = parseArgs({ options: { bridge: text, gateway: text, 'audit-log': text, heartbeat: { ...text, default: '0.5' } } });
+const missing = ['bridge', 'gateway', 'audit-log'].find((required) => !options[required]);
+if (missing) {
+  console.error(`demo-client: --${missing} is required`);
+  process.exit(64);
 }
 
 const since = (start) => ((Date.now() - start) / 1000).toFixed(1).padStart(4);
@@ -30,48 +20,24 @@ const heading = (text) => console.log(`\n== ${text}`);
 const say = (text) => console.log(`   ${text}`);
 const clip = (text, max = 110) => (text.length > max ? `${text.slice(0, max - 1)}\u2026` : text);
 
-// The risk level the bridge derives from a tool's annotations: read-only and explicitly not
-// destructive is safe; read-only or not destructive is caution; anything else critical.
-function riskOf(annotations) {
-  if (!annotations) return 'caution';
-  const flag = (value, fallback) => (value === true || value === 1 ? true : value === false || value === 0 ? false : fallback);
-  const readOnly = flag(annotations.readOnlyHint, false);
-  const destructive = flag(annotations.destructiveHint, true);
-  return ['safe', 'caution', 'critical'][(readOnly ? 0 : 1) + (destructive ? 1 : 0)];
-}
+const textOf = (result) => result.content.filter((block) => block.type === 'text').map((block) => block.text).join(' | ');
 
-function textOf(result) {
-  return result.content.filter((block) => block.type === 'text').map((block) => block.text).join(' | ');
-}
-
-function auditRecords() {
-  if (!fs.existsSync(options['audit-log'])) return [];
-  return fs.readFileSync(options['audit-log'], 'utf8').split('\n').filter(Boolean).map((line) => JSON.parse(line));
-}
-
-const server = everythingServer();
-const transport = new StdioClientTransport({
-  command: options.bridge,
-  args: ['--worker-name', 'demo-agent', '--gateway', options.gateway, '--heartbeat', options.heartbeat,
-    '--', process.execPath, ...server],
-  // The gateway's token, which scripts/demo read from the gateway's start-up lines.
-  env: { PATH: process.env.PATH, HOME: process.env.HOME ?? '/tmp', SENTROVA_GATEWAY_TOKEN: process.env.SENTROVA_GATEWAY_TOKEN ?? '' },
-  stderr: 'pipe',
-});
-transport.stderr.resume(); // the server's start-up chatter is not part of the story
-const client = new Client({ name: 'sentrova-demo', version: '1.0.0' });
+const auditRecords = () => (fs.existsSync(options['audit-log']) ? fs.readFileSync(options['audit-log'], 'utf8') : '')
+  .split('\n').filter(Boolean).map((line) => JSON.parse(line));
 
 console.log('sentrova-mcp-bridge demo');
 say(`client  -> sentrova-mcp-bridge -> server-everything`);
 say(`gateway:  ${options.gateway} (sentrova-dev-gateway, examples/demo-policy.json)`);
 
-await client.connect(transport);
+// The gateway's token is the one scripts/demo read from the gateway's start-up lines.
+const { client, close } = await connect({ server: everythingServer(), bridge: options.bridge, workerName: 'demo-agent',
+  heartbeat: options.heartbeat, gateway: { url: options.gateway, token: process.env.SENTROVA_GATEWAY_TOKEN ?? '' } });
 const version = client.getServerVersion();
 heading(`Connected through the bridge to ${version.name} ${version.version}`);
 
 const { tools } = await client.listTools();
-heading(`Tools listed (${tools.length}), with the risk the bridge derives from their annotations`);
-for (const tool of tools) say(`${tool.name.padEnd(34)} ${riskOf(tool.annotations)}`);
+heading(`Tools listed (${tools.length}); the bridge derives each one's risk from its annotations`);
+say(clip(tools.map((tool) => tool.name).join(', '), 300));
 
 heading('Allowed call: echo {"message":"Hello through the bridge"}');
 const echoed = await client.callTool({ name: 'echo', arguments: { message: 'Hello through the bridge' } });
@@ -98,7 +64,7 @@ const screenshot = await waitFor('the screenshot event', () =>
 say(`the bridge reported it to the gateway, which saved it as:`);
 say(screenshot.screenshotFile ?? `(not saved: ${screenshot.screenshotError})`);
 
-await client.close();
+await close();
 
 const records = auditRecords();
 heading(`Audit log: ${options['audit-log']} (${records.length} records)`);
