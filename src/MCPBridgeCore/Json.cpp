@@ -345,30 +345,6 @@ const Json::Object& Json::objectValue() const noexcept {
     return type_ == Type::object ? o_ : empty;
 }
 
-std::string& Json::mutableString() noexcept {
-    if (type_ != Type::string) {
-        destroy();
-        JsonTreeOps::setString(*this, std::string());
-    }
-    return s_;
-}
-
-Json::Array& Json::mutableArray() noexcept {
-    if (type_ != Type::array) {
-        destroy();
-        JsonTreeOps::setArray(*this, Array());
-    }
-    return a_;
-}
-
-Json::Object& Json::mutableObject() noexcept {
-    if (type_ != Type::object) {
-        destroy();
-        JsonTreeOps::setObject(*this, Object());
-    }
-    return o_;
-}
-
 const Json* Json::find(std::string_view key) const noexcept {
     if (type_ != Type::object) return nullptr;
     for (auto it = o_.rbegin(); it != o_.rend(); ++it) {

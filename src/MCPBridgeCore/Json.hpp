@@ -76,10 +76,6 @@ public:
     const std::string& stringValue() const noexcept; // only meaningful for strings
     const Array& arrayValue() const noexcept;        // only meaningful for arrays
     const Object& objectValue() const noexcept;      // only meaningful for objects
-    // Mutable access; a value of another type is first replaced by an empty one of the asked type.
-    std::string& mutableString() noexcept;
-    Array& mutableArray() noexcept;
-    Object& mutableObject() noexcept;
 
     // Object lookup: the last member with exactly this key, or nullptr (also for non-objects).
     const Json* find(std::string_view key) const noexcept;
