@@ -5,10 +5,7 @@
 #include <cstring>
 #include <limits>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
+#include "MCPBridgeCore/ByteScan.hpp"
 #include "MCPBridgeCore/Utf8.hpp"
 
 namespace sentrova {
@@ -55,15 +52,15 @@ inline const char* skipPlainStringBytes(const char* p, const char* end) noexcept
     };
     // Most names and many values are short: look at the first 16 bytes alone before going wide.
     if (end - p >= 16) {
-        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)))));
+        const auto mask = static_cast<unsigned>(_mm_movemask_epi8(special(loadBlock(p))));
         if (mask != 0) return p + std::countr_zero(mask);
         p += 16;
     }
     while (end - p >= 64) {
-        __m128i s0 = special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
-        __m128i s1 = special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)));
-        __m128i s2 = special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32)));
-        __m128i s3 = special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 48)));
+        __m128i s0 = special(loadBlock(p));
+        __m128i s1 = special(loadBlock(p + 16));
+        __m128i s2 = special(loadBlock(p + 32));
+        __m128i s3 = special(loadBlock(p + 48));
         __m128i any = _mm_or_si128(_mm_or_si128(s0, s1), _mm_or_si128(s2, s3));
         if (_mm_movemask_epi8(any) != 0) {
             std::uint64_t mask = static_cast<std::uint32_t>(_mm_movemask_epi8(s0)) |
@@ -74,11 +71,7 @@ inline const char* skipPlainStringBytes(const char* p, const char* end) noexcept
         }
         p += 64;
     }
-    while (end - p >= 16) {
-        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)))));
-        if (mask != 0) return p + std::countr_zero(mask);
-        p += 16;
-    }
+    p = skipUnmarkedBlocks(p, end, special);
 #endif
     while (p < end) {
         auto c = static_cast<unsigned char>(*p);

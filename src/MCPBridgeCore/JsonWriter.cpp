@@ -7,9 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
+#include "MCPBridgeCore/ByteScan.hpp"
 
 namespace sentrova {
 
@@ -30,11 +28,7 @@ inline const char* skipUnescapedBytes(const char* p, const char* end, bool escap
         return _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, backslash)),
                             _mm_or_si128(_mm_cmpeq_epi8(v, slash), control));
     };
-    while (end - p >= 16) {
-        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(special(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)))));
-        if (mask != 0) return p + std::countr_zero(mask);
-        p += 16;
-    }
+    p = skipUnmarkedBlocks(p, end, special);
 #endif
     while (p < end) {
         auto c = static_cast<unsigned char>(*p);
