@@ -55,7 +55,7 @@ sentrova::BridgeToolCallQuery typicalQuery() {
 void BM_GatewayDecisionRoundTrip(benchmark::State& state) {
     for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) ::unsetenv(name);
     AllowingGateway gateway;
-    sentrova::HTTPBridgeGatewayClient client(gateway.url(), "bench-token", 10);
+    sentrova::HTTPBridgeGatewayClient client(*sentrova::GatewayEndpoint::parse(gateway.url()), "bench-token", 10);
     const auto query = typicalQuery();
     const int calls = static_cast<int>(state.range(0));
     for (int i = 0; i < 50; ++i) client.requestDecision(query); // connection set up, caches warm

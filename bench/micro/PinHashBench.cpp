@@ -51,11 +51,11 @@ BENCHMARK(BM_PinHashTypicalDefinition);
 void BM_CaptureFortyTools(benchmark::State& state) {
     sentrova::Json::Array tools;
     for (int i = 0; i < 40; ++i) {
-        sentrova::Json tool = typicalDefinition();
-        for (sentrova::JsonMember& member : tool.mutableObject()) {
+        sentrova::Json::Object members = typicalDefinition().objectValue();
+        for (sentrova::JsonMember& member : members) {
             if (member.key == "name") member.value = sentrova::Json::string("tool_" + std::to_string(i));
         }
-        tools.push_back(std::move(tool));
+        tools.push_back(sentrova::Json::object(std::move(members)));
     }
     sentrova::ToolPinTable table;
     for (auto _ : state) table.capture(tools);

@@ -6,10 +6,12 @@
 #include <string>
 #include <vector>
 
+#include "MCPBridgeCore/GatewayEndpoint.hpp"
+
 namespace sentrova {
 
 struct BridgeConfig {
-    std::string gatewayURL; // a checked URI reference; the gateway client resolves request paths against it
+    GatewayEndpoint gateway;
     std::optional<std::string> gatewayToken;
     std::string workerName;
     std::optional<std::string> provider;
@@ -22,8 +24,6 @@ struct BridgeConfig {
 
     // serverArgv joined with single spaces, no quoting.
     std::string serverCommandString() const;
-
-    friend bool operator==(const BridgeConfig&, const BridgeConfig&) = default;
 };
 
 } // namespace sentrova

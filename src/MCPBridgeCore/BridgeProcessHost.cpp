@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -240,15 +241,6 @@ int launchServer(const std::vector<std::string>& serverArgv, const ServerPipes& 
     return childError != 0 ? childError : EIO;
 }
 
-bool startDetached(std::function<void()> work) {
-    try {
-        std::thread(std::move(work)).detach();
-        return true;
-    } catch (...) {
-        return false;
-    }
-}
-
 // What one run shares with its threads. The threads hold it, so it outlives run() when a pump
 // is still blocked in a read (the process then ends with _exit).
 struct RunState {
@@ -273,7 +265,6 @@ struct RunState {
 
     std::mutex progressLock;
     std::condition_variable progressChanged;
-    int completions = 0; // the completion semaphore: the child ended, its output ended, or our input ended
     bool childExited = false;
     Clock::time_point childExitedAt;
     int childStatus = 0;
@@ -295,7 +286,7 @@ struct RunState {
             failed = !writeAll(streams.clientOutput, bytes);
             if (failed) clientGone.store(true, std::memory_order_relaxed);
         }
-        if (failed) update([](RunState&) {}, false); // a drain waiting for the client can stop
+        if (failed) update([](RunState&) {}); // a drain waiting for the client can stop
     }
 
     void writeToServer(std::string_view bytes) {
@@ -317,11 +308,12 @@ struct RunState {
         return true;
     }
 
-    void update(const std::function<void(RunState&)>& change, bool completes) {
+    // Changes the run's progress under its lock and wakes whoever waits for it.
+    template <typename Change>
+    void update(Change change) {
         {
             std::lock_guard lock(progressLock);
             change(*this);
-            if (completes) ++completions;
         }
         progressChanged.notify_all();
     }
@@ -336,13 +328,11 @@ struct RunState {
             childReaped = true;
         }
         const int status = waitForChild(pid);
-        update(
-            [status](RunState& s) {
-                s.childExited = true;
-                s.childExitedAt = Clock::now();
-                s.childStatus = status;
-            },
-            true);
+        update([status](RunState& s) {
+            s.childExited = true;
+            s.childExitedAt = Clock::now();
+            s.childStatus = status;
+        });
     }
 
     // After the end of the client's input the server should exit on its own; if it does not,
@@ -387,7 +377,7 @@ void copyErrorOutput(RunState& state, int errorReadEnd) {
     std::vector<char> buffer(64 * 1024);
     for (;;) {
         const ssize_t count = ::read(errorReadEnd, buffer.data(), buffer.size());
-        state.update([](RunState& s) { s.errorOutputReadAt = RunState::Clock::now(); }, false);
+        state.update([](RunState& s) { s.errorOutputReadAt = RunState::Clock::now(); });
         if (count < 0 && errno == EINTR) continue;
         if (count <= 0) break;
         if (!state.errorPassThroughRemoved.load(std::memory_order_relaxed)) {
@@ -395,7 +385,53 @@ void copyErrorOutput(RunState& state, int errorReadEnd) {
         }
     }
     ::close(errorReadEnd);
-    state.update([](RunState& s) { s.errorOutputEnded = true; }, false);
+    state.update([](RunState& s) { s.errorOutputEnded = true; });
+}
+
+// The threads of one run (see the map in the header); each holds the state it needs.
+void startThreads(const std::shared_ptr<RunState>& state, const std::shared_ptr<MCPBridgeRouter>& router,
+                  pid_t pid, int outputReadEnd, int errorReadEnd, int clientInput) {
+    // The child's end: reaping it is the termination signal of the run.
+    std::thread([state, pid] { state->awaitChild(pid); }).detach();
+
+    // Signals to the bridge are the server's: it decides when the run ends. Once it has exited,
+    // a signal ends the relay of its last output instead (at a line's end).
+    std::thread([state] {
+        const sigset_t signals = forwardedSignals();
+        for (;;) {
+            int received = 0;
+            if (::sigwait(&signals, &received) != 0 || state->signalChild(received)) continue;
+            state->update([](RunState& s) { s.stopAsked = true; });
+        }
+    }).detach();
+
+    std::thread([state, errorReadEnd] { copyErrorOutput(*state, errorReadEnd); }).detach();
+
+    std::thread([state, router, outputReadEnd] {
+        pumpLines(
+            outputReadEnd, [&router](std::string line, bool more) { router->handleServerLine(std::move(line), more); },
+            [&state](bool reading) {
+                state->update([reading](RunState& s) {
+                    if (reading) {
+                        s.serverOutputWaitingSince = RunState::Clock::now();
+                    } else {
+                        s.serverOutputWaitingSince.reset();
+                    }
+                });
+            });
+        ::close(outputReadEnd);
+        state->update([](RunState& s) { s.serverOutputEnded = true; });
+    }).detach();
+
+    std::thread([state, router, clientInput] {
+        pumpLines(clientInput,
+                  [&router](std::string line, bool more) { router->handleClientLine(std::move(line), more); });
+        // Calls still waiting for their verdict are settled first: an allowed one still reaches
+        // the server, and only then may the server read the end of its input.
+        router->finishPendingDecisions();
+        state->closeServerInput();
+        state->stopServerUnlessItExits();
+    }).detach();
 }
 
 } // namespace
@@ -448,83 +484,28 @@ int BridgeProcessHost::run() {
     pipes.closeChildEnds();
     state->childPid = pid; // before any thread that signals it
 
-    // The child's end: reaping it is the termination signal of the run.
-    if (!startDetached([state, pid] { state->awaitChild(pid); })) {
-        // Without threads nothing can be relayed: let the server see the end of its input.
-        state->closeServerInput();
-        closeQuietly(pipes.output.readEnd);
-        closeQuietly(pipes.error.readEnd);
-        return waitForChild(pid);
-    }
-
-    // Signals to the bridge are the server's: it decides when the run ends. Once it has exited,
-    // a signal ends the relay of its last output instead (at a line's end).
-    startDetached([state] {
-        const sigset_t signals = forwardedSignals();
-        for (;;) {
-            int received = 0;
-            if (::sigwait(&signals, &received) != 0 || state->signalChild(received)) continue;
-            state->update([](RunState& s) { s.stopAsked = true; }, false);
-        }
-    });
-
-    const int errorReadEnd = pipes.error.readEnd;
-    const bool errorCopyStarted = startDetached([state, errorReadEnd] { copyErrorOutput(*state, errorReadEnd); });
-
-    const int outputReadEnd = pipes.output.readEnd;
-    const bool serverPumpStarted = startDetached([state, router, outputReadEnd] {
-        pumpLines(
-            outputReadEnd,
-            [&router](std::string line, bool more) { router->handleServerLine(std::move(line), more); },
-            [&state](bool reading) {
-                state->update(
-                    [reading](RunState& s) {
-                        if (reading) {
-                            s.serverOutputWaitingSince = RunState::Clock::now();
-                        } else {
-                            s.serverOutputWaitingSince.reset();
-                        }
-                    },
-                    false);
-            });
-        ::close(outputReadEnd);
-        state->update([](RunState& s) { s.serverOutputEnded = true; }, true);
-    });
-
-    const int clientInput = streams_.clientInput;
-    const bool clientPumpStarted = startDetached([state, router, clientInput] {
-        pumpLines(clientInput,
-                  [&router](std::string line, bool more) { router->handleClientLine(std::move(line), more); });
-        // Calls still waiting for their verdict are settled first: an allowed one still reaches
-        // the server, and only then may the server read the end of its input.
-        router->finishPendingDecisions();
-        state->closeServerInput();
-        state->update([](RunState&) {}, true);
-        state->stopServerUnlessItExits();
-    });
-
-    if (!errorCopyStarted || !serverPumpStarted || !clientPumpStarted) {
-        // A run that cannot relay both ways ends as if the client had gone.
-        state->closeServerInput();
-        state->update(
-            [&](RunState& s) {
-                s.errorOutputEnded = s.errorOutputEnded || !errorCopyStarted;
-                s.serverOutputEnded = s.serverOutputEnded || !serverPumpStarted;
-            },
-            true);
-        if (!errorCopyStarted) closeQuietly(pipes.error.readEnd);
-        if (!serverPumpStarted) closeQuietly(pipes.output.readEnd);
+    // A run that cannot start its threads cannot relay at all. The server, left alone, gets
+    // SIGTERM as the bridge ends (its parent-death signal).
+    try {
+        startThreads(state, router, pid, pipes.output.readEnd, pipes.error.readEnd, streams_.clientInput);
+    } catch (const std::exception& error) {
+        writeAll(streams_.errorOutput,
+                 std::string("sentrova-mcp-bridge: cannot start the relay: ") + error.what() + "\n");
+        return launchFailedStatus;
     }
 
     int status = 0;
     {
         std::unique_lock lock(state->progressLock);
-        state->progressChanged.wait(lock, [&] { return state->completions > 0; });
         state->progressChanged.wait(lock, [&] { return state->childExited; });
         state->drainServerOutput(lock);
         status = state->childStatus;
     }
     state->errorPassThroughRemoved.store(true, std::memory_order_relaxed);
+    if (const std::size_t unhandled = router->unhandledLineCount(); unhandled > 0) {
+        writeAll(streams_.errorOutput, "sentrova-mcp-bridge: " + std::to_string(unhandled) +
+                                           " lines could not be handled (out of memory) and were not relayed\n");
+    }
     // Waits for a write in progress, so that no line is cut; nothing is written after it.
     std::lock_guard lock(state->clientWriteLock);
     state->runOver = true;

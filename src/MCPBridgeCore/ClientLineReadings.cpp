@@ -1,4 +1,5 @@
 #include "MCPBridgeCore/ClientLineReadings.hpp"
+#include "MCPBridgeCore/Utf8.hpp"
 
 #include <array>
 #include <cstdint>
@@ -213,25 +214,6 @@ void readLeniently(std::string_view line, Findings& findings) {
     if (const std::optional<Json> value = parseJson(text)) findings.add(*value);
 }
 
-void appendUTF8(std::string& out, std::uint32_t codePoint) {
-    if (codePoint > 0x10FFFF || (codePoint >= 0xD800 && codePoint <= 0xDFFF)) codePoint = 0xFFFD;
-    if (codePoint < 0x80) {
-        out.push_back(static_cast<char>(codePoint));
-    } else if (codePoint < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (codePoint >> 6)));
-        out.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
-    } else if (codePoint < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (codePoint >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
-    } else {
-        out.push_back(static_cast<char>(0xF0 | (codePoint >> 18)));
-        out.push_back(static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
-    }
-}
-
 // The line's bytes read as UTF-16 or UTF-32 (unitSize 2 or 4) from offset on, as UTF-8;
 // unpaired surrogates become U+FFFD and a trailing partial unit is ignored.
 std::string decodeWide(std::string_view bytes, std::size_t unitSize, bool bigEndian, std::size_t offset) {
@@ -257,7 +239,7 @@ std::string decodeWide(std::string_view bytes, std::size_t unitSize, bool bigEnd
             }
         }
         if (unit == 0xFEFF && out.empty()) continue; // a byte order mark
-        appendUTF8(out, unit);
+        appendUtf8(out, unit);
     }
     return out;
 }

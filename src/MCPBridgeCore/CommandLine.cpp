@@ -4,8 +4,6 @@
 #include <cstdlib>
 #include <locale.h>
 
-#include <uriparser/Uri.h>
-
 namespace sentrova {
 
 namespace {
@@ -46,15 +44,6 @@ std::optional<double> parseSeconds(const std::string& word) {
     return value;
 }
 
-bool isURIReference(const std::string& text) {
-    if (text.empty()) return false;
-    UriUriA uri;
-    const char* errorPosition = nullptr;
-    const int result = uriParseSingleUriExA(&uri, text.data(), text.data() + text.size(), &errorPosition);
-    if (result == URI_SUCCESS) uriFreeUriMembersA(&uri);
-    return result == URI_SUCCESS;
-}
-
 std::variant<BridgeConfig, CommandLineError> parseCommandLine(const std::vector<std::string>& args,
                                                               const std::map<std::string, std::string>& env) {
     // Everything after the first "--" is the server's, never looked at here.
@@ -88,12 +77,14 @@ std::variant<BridgeConfig, CommandLineError> parseCommandLine(const std::vector<
         }
     }
 
-    if (!gatewayString || !isURIReference(*gatewayString)) return CommandLineError{gatewayRequiredMessage};
+    std::optional<GatewayEndpoint> gateway;
+    if (gatewayString) gateway = GatewayEndpoint::parse(*gatewayString);
+    if (!gateway) return CommandLineError{gatewayRequiredMessage};
     if (!workerName) return CommandLineError{"--worker-name is required"};
     if (serverArgv.empty()) return CommandLineError{"a real server command is required after --"};
 
     BridgeConfig config;
-    config.gatewayURL = std::move(*gatewayString);
+    config.gateway = std::move(*gateway);
     config.gatewayToken = lookup(env, "SENTROVA_GATEWAY_TOKEN");
     config.workerName = std::move(*workerName);
     config.provider = std::move(provider);

@@ -13,7 +13,6 @@ namespace sentrova {
 
 struct CommandLineError {
     std::string message; // without the "sentrova-mcp-bridge: " prefix and newline
-    friend bool operator==(const CommandLineError&, const CommandLineError&) = default;
 };
 
 // args: the words after the program name. env: a copy of the process environment.
@@ -22,8 +21,5 @@ std::variant<BridgeConfig, CommandLineError> parseCommandLine(const std::vector<
 
 // strtod in the POSIX locale over the whole word; nullopt for an empty word, a leading blank or trailing text.
 std::optional<double> parseSeconds(const std::string& word);
-
-// True when text is an RFC 3986 URI reference (the empty string is refused).
-bool isURIReference(const std::string& text);
 
 } // namespace sentrova

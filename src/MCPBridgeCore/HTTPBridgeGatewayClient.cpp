@@ -3,7 +3,6 @@
 #include "MCPBridgeCore/CurlLibrary.hpp"
 
 #include <pthread.h>
-#include <uriparser/Uri.h>
 
 #include <algorithm>
 #include <chrono>
@@ -20,8 +19,6 @@ namespace sentrova {
 
 namespace {
 
-constexpr const char* decisionPath = "/v1/toolcall";
-constexpr const char* eventPath = "/v1/event";
 // The HTTP layer lets an exchange run this much longer than the caller waits for it.
 constexpr double transportGraceSeconds = 5.0;
 constexpr double eventTimeoutSeconds = 60.0;
@@ -30,67 +27,7 @@ constexpr double eventTimeoutSeconds = 60.0;
 constexpr long keptConnections = 16;
 // Longer finite deadlines are capped here (about 31 years) so that clock arithmetic cannot overflow.
 constexpr double longestFiniteDeadline = 1e9;
-// Scheme put in front of a base without one, so that the resolver (which wants an absolute base)
-// can still apply RFC 3986 section 5.2; it is removed from the result again.
-constexpr std::string_view placeholderScheme = "sentrova-relative";
-
 BridgeDecision denyWith(std::string_view reason) { return BridgeDecision::deny(std::string(reason)); }
-
-// ---- URLs -------------------------------------------------------------------------------------
-
-// A parsed RFC 3986 reference; the text is kept alive beside the parse, which points into it.
-class ParsedReference {
-public:
-    explicit ParsedReference(std::string text) : text_(std::move(text)) {
-        const char* textEnd = text_.data() + text_.size();
-        parsed_ = uriParseSingleUriExA(&uri_, text_.data(), textEnd, nullptr) == URI_SUCCESS;
-    }
-    ~ParsedReference() { uriFreeUriMembersA(&uri_); }
-    ParsedReference(const ParsedReference&) = delete;
-    ParsedReference& operator=(const ParsedReference&) = delete;
-
-    bool parsed() const noexcept { return parsed_; }
-    const UriUriA* uri() const noexcept { return &uri_; }
-    bool hasScheme() const noexcept { return uri_.scheme.first != nullptr; }
-
-private:
-    std::string text_;
-    UriUriA uri_{};
-    bool parsed_ = false;
-};
-
-std::string_view rangeText(const UriTextRangeA& range) {
-    if (range.first == nullptr || range.afterLast == nullptr) return {};
-    return std::string_view(range.first, static_cast<std::size_t>(range.afterLast - range.first));
-}
-
-std::optional<std::string> uriText(const UriUriA* uri) {
-    int length = 0;
-    if (uriToStringCharsRequiredA(uri, &length) != URI_SUCCESS) return std::nullopt;
-    std::string text(static_cast<std::size_t>(length) + 1, '\0');
-    if (uriToStringA(text.data(), uri, length + 1, nullptr) != URI_SUCCESS) return std::nullopt;
-    text.resize(static_cast<std::size_t>(length));
-    return text;
-}
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        auto lower = [](char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; };
-        if (lower(a[i]) != lower(b[i])) return false;
-    }
-    return true;
-}
-
-// Only absolute http and https URLs with a host go to libcurl: anything else would make it guess a
-// scheme or speak another protocol, and is a transport failure instead.
-bool sendableOverHTTP(const std::string& url) {
-    ParsedReference reference(url);
-    if (!reference.parsed()) return false;
-    std::string_view scheme = rangeText(reference.uri()->scheme);
-    bool web = equalsIgnoringCase(scheme, "http") || equalsIgnoringCase(scheme, "https");
-    return web && !rangeText(reference.uri()->hostText).empty();
-}
 
 // A token that would break the header line (or be cut at a NUL by libcurl) makes every request unsendable.
 bool usableAsHeaderValue(const std::optional<std::string>& token) {
@@ -240,13 +177,12 @@ struct HTTPBridgeGatewayClient::Session {
     bool stopping = false;
     std::thread worker;
 
-    Session(const std::string& baseURL, std::optional<std::string> bearer, double deadline, CurlLoader loader,
+    Session(const GatewayEndpoint& endpoint, std::optional<std::string> bearer, double deadline, CurlLoader loader,
             std::optional<std::string> caFile)
-        : decisionURL(HTTPBridgeGatewayClient::resolve(baseURL, decisionPath)),
-          eventURL(HTTPBridgeGatewayClient::resolve(baseURL, eventPath)), limits(deadline),
+        : decisionURL(endpoint.decisionURL()), eventURL(endpoint.eventURL()), limits(deadline),
           token(std::move(bearer)), caBundle(std::move(caFile)), loadCurl(loader) {
         // Unsendable: every request fails at once, and neither libcurl nor a thread is ever needed.
-        sendable = decisionURL && sendableOverHTTP(*decisionURL) && usableAsHeaderValue(token);
+        sendable = endpoint.sendable() && usableAsHeaderValue(token);
     }
 
     // Starts the worker on the first request; later calls only look. Requests made while it
@@ -480,16 +416,14 @@ struct HTTPBridgeGatewayClient::Session {
 
 // ---- the client -------------------------------------------------------------------------------
 
-HTTPBridgeGatewayClient::HTTPBridgeGatewayClient(std::string baseURL, std::optional<std::string> token,
+HTTPBridgeGatewayClient::HTTPBridgeGatewayClient(const GatewayEndpoint& endpoint, std::optional<std::string> token,
                                                  double deadline, std::optional<std::string> caBundle)
-    : HTTPBridgeGatewayClient(std::move(baseURL), std::move(token), deadline, &CurlLibrary::shared,
-                              std::move(caBundle)) {}
+    : HTTPBridgeGatewayClient(endpoint, std::move(token), deadline, &CurlLibrary::shared, std::move(caBundle)) {}
 
-HTTPBridgeGatewayClient::HTTPBridgeGatewayClient(std::string baseURL, std::optional<std::string> token,
+HTTPBridgeGatewayClient::HTTPBridgeGatewayClient(const GatewayEndpoint& endpoint, std::optional<std::string> token,
                                                  double deadline, CurlLoader loadCurl,
                                                  std::optional<std::string> caBundle)
-    : baseURL_(std::move(baseURL)), token_(std::move(token)), deadline_(deadline),
-      session_(std::make_unique<Session>(baseURL_, token_, deadline_, loadCurl, std::move(caBundle))) {}
+    : session_(std::make_unique<Session>(endpoint, std::move(token), deadline, loadCurl, std::move(caBundle))) {}
 
 HTTPBridgeGatewayClient::~HTTPBridgeGatewayClient() = default;
 
@@ -584,28 +518,6 @@ void HTTPBridgeGatewayClient::postEvent(const BridgeEvent& event) {
     } catch (...) {
         // An event that cannot be sent is lost, like one the gateway never receives.
     }
-}
-
-// No URL comes out only when the base is empty or is not an RFC 3986 reference (uriparser refuses
-// it: a space, a bad percent escape, a broken IP literal...). A base without a scheme still
-// resolves (it just cannot be sent), because section 5.2 only takes the scheme and authority over.
-std::optional<std::string> HTTPBridgeGatewayClient::resolve(const std::string& baseURL, const std::string& path) {
-    if (baseURL.empty()) return std::nullopt;
-    ParsedReference given(baseURL);
-    if (!given.parsed()) return std::nullopt;
-    bool relativeBase = !given.hasScheme();
-    std::string placeholderPrefix = std::string(placeholderScheme) + ":";
-    ParsedReference base(relativeBase ? placeholderPrefix + baseURL : baseURL);
-    ParsedReference reference(path);
-    if (!base.parsed() || !reference.parsed()) return std::nullopt;
-
-    UriUriA resolved{};
-    // On failure the resolver has already freed what it built.
-    if (uriAddBaseUriA(&resolved, reference.uri(), base.uri()) != URI_SUCCESS) return std::nullopt;
-    std::optional<std::string> text = uriText(&resolved);
-    uriFreeUriMembersA(&resolved);
-    if (text && relativeBase && text->starts_with(placeholderPrefix)) text->erase(0, placeholderPrefix.size());
-    return text;
 }
 
 } // namespace sentrova

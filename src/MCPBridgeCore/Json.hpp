@@ -1,10 +1,7 @@
 #pragma once
 
-// JSON value model, the tolerant reader and the canonical writer.
-//
-// The reader accepts a superset of what mainstream server parsers (Node's JSON.parse,
-// Python's json, Go's encoding/json) accept, because a line the bridge cannot read is
-// relayed unchanged: anything a server would execute must be readable here.
+// The JSON value model. The reader (JsonReader.hpp) and the canonical writer (JsonWriter.hpp)
+// come with it.
 
 #include <cstdint>
 #include <new>
@@ -76,10 +73,6 @@ public:
     const std::string& stringValue() const noexcept; // only meaningful for strings
     const Array& arrayValue() const noexcept;        // only meaningful for arrays
     const Object& objectValue() const noexcept;      // only meaningful for objects
-    // Mutable access; a value of another type is first replaced by an empty one of the asked type.
-    std::string& mutableString() noexcept;
-    Array& mutableArray() noexcept;
-    Object& mutableObject() noexcept;
 
     // Object lookup: the last member with exactly this key, or nullptr (also for non-objects).
     const Json* find(std::string_view key) const noexcept;
@@ -88,7 +81,8 @@ public:
     friend bool operator==(const Json& a, const Json& b);
 
 private:
-    friend class JsonTreeOps; // iterative copy, destruction and comparison of whole trees
+    friend class JsonTreeOps;    // iterative copy, destruction and comparison of whole trees
+    friend struct JsonNodeAccess; // the reader fills values in place
 
     void destroy() noexcept;
     void copyFrom(const Json& other);
@@ -141,42 +135,7 @@ inline void Json::moveFrom(Json&& other) noexcept {
     other.u_ = 0;
 }
 
-// The tolerant reader. The top level must be an object or an array, followed only by
-// whitespace (space, tab, CR, LF). A leading UTF-8 BOM is skipped. Invalid UTF-8 and lone
-// surrogate escapes inside strings become U+FFFD; numbers of any size are read (int64 or
-// uint64 when they fit exactly, else double, overflow to an infinity); NaN, Infinity and
-// -Infinity are numbers; nesting depth is unlimited. nullopt when the text is refused.
-// A number without fraction or exponent is an integer when it fits ("-0" is the integer 0);
-// any other number is a real ("1.0" stays the real 1, "-0.0" the real -0).
-// Invalid UTF-8 is replaced per maximal ill-formed subsequence, as WHATWG's decoder does.
-std::optional<Json> parseJson(std::string_view text);
-
-struct JsonWriteOptions {
-    bool escapeSlash = false; // write "/" as "\/" (only the tool pin input asks for this)
-    // Write every number read from text exactly as it was read (ids and progress tokens go back
-    // to the client in its own spelling); NaN and the infinities still fail.
-    bool verbatimNumbers = false;
-};
-
-// The canonical writer: compact, keys of every object sorted (see jsonKeyLess; duplicate keys
-// all written, in their order), UTF-8 unescaped, any depth (no recursion). Integers read from
-// text keep all their digits, however many; a real that is integral and below 2^53 in magnitude
-// is written as an integer (1.0 as 1, -0.0 as 0); other reals in the shortest text that reads
-// back to the same double. nullopt when the value holds a non-finite number (NaN, an infinity,
-// or a literal beyond the double range such as 1e400), so that each caller's fallback applies.
-std::optional<std::string> writeJson(const Json& value, JsonWriteOptions options = {});
-
-// Appends the canonical text of a string value (with its quotes) to out.
-void appendJsonString(std::string& out, std::string_view text, JsonWriteOptions options = {});
-
-// Sorted-key order of the canonical writer: case-insensitive comparison, runs of ASCII
-// digits compared by numeric value, remaining ties broken by plain byte order.
-bool jsonKeyLess(std::string_view a, std::string_view b) noexcept;
-
-// A member name under Unicode simple case folding, as Go's encoding/json matches names (the
-// last case-insensitive match wins there): two names that give the same text name the same
-// field for such a server ("Path" and "path", "\u00e9" and "\u00c9", U+212A KELVIN SIGN and "k").
-// Ill-formed UTF-8 counts as U+FFFD.
-std::string foldedName(std::string_view name);
-
 } // namespace sentrova
+
+#include "MCPBridgeCore/JsonReader.hpp"
+#include "MCPBridgeCore/JsonWriter.hpp"

@@ -1,4 +1,5 @@
 #include "MCPBridgeCore/MCPBridgeContract.hpp"
+#include "MCPBridgeCore/Utf8.hpp"
 
 #include <utility>
 

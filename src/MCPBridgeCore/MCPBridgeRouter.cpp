@@ -183,8 +183,8 @@ void MCPBridgeRouter::handleClientLine(std::string line, bool moreFollows) {
         message.reset();
         toServer(line);
     } catch (...) {
-        // Out of memory or a failing collaborator: drop the line rather than relay something
-        // that was not looked at.
+        // Out of memory: the line is not relayed, as it was not looked at; the run reports it.
+        unhandledLines_.fetch_add(1);
     }
 }
 
@@ -241,7 +241,8 @@ void MCPBridgeRouter::handleServerLine(std::string line, bool moreFollows) {
         message.reset();
         emit(serverPumpToClient_, writeToClient_, line, moreFollows);
     } catch (...) {
-        // Out of memory or a failing collaborator: nothing sensible is left to write.
+        // Out of memory: nothing sensible is left to write; the run reports it.
+        unhandledLines_.fetch_add(1);
     }
 }
 

@@ -2,6 +2,7 @@
 
 // Every line of a run passes through here: relayed, recorded, or (tools/call) put to the gateway.
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -50,7 +51,9 @@ public:
 
     static std::string denyMessage(std::string_view tool, std::string_view reason, bool pinChanged);
 
-    const ToolPinTable& pinTable() const noexcept { return pinTable_; }
+    // Lines dropped because handling them failed (only running out of memory can do that; a tool
+    // call still gets its deny). Nothing of such a line was relayed.
+    std::size_t unhandledLineCount() const noexcept { return unhandledLines_.load(); }
 
 private:
     struct PendingCall;
@@ -97,6 +100,7 @@ private:
     // the client pump while it decides about a cancellation: so a cancellation that is relayed
     // always reaches the server after the call it names.
     std::mutex relayOrderLock_;
+    std::atomic<std::size_t> unhandledLines_{0};
 };
 
 } // namespace sentrova

@@ -1,4 +1,5 @@
 #include "MCPBridgeCore/MCPWire.hpp"
+#include "MCPBridgeCore/Utf8.hpp"
 
 #include <openssl/evp.h>
 

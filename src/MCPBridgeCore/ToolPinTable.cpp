@@ -48,9 +48,4 @@ void ToolPinTable::markStale() {
     staleFlag_ = true;
 }
 
-bool ToolPinTable::isStale() const {
-    std::lock_guard guard(lock_);
-    return staleFlag_;
-}
-
 } // namespace sentrova

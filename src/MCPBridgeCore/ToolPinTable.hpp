@@ -32,7 +32,6 @@ public:
     PinStatus pinStatus(const std::string& name, const std::string& currentHash) const;
     void approve(const std::string& tool, const std::string& hash);
     void markStale();
-    bool isStale() const;
 
 private:
     mutable std::mutex lock_;

@@ -66,7 +66,7 @@ int main(int argc, char** argv) {
     // An ignored SIGCHLD inherited from our parent would reap the server before we learn its status.
     std::signal(SIGCHLD, SIG_DFL);
 
-    auto gateway = std::make_shared<sentrova::HTTPBridgeGatewayClient>(config.gatewayURL, config.gatewayToken,
+    auto gateway = std::make_shared<sentrova::HTTPBridgeGatewayClient>(config.gateway, config.gatewayToken,
                                                                         config.deadline, config.caBundle);
     sentrova::BridgeProcessHost host(config, gateway);
     const int status = host.run();
