@@ -15,7 +15,7 @@ std::string outcome(const std::vector<std::string>& args, const std::map<std::st
     if (auto* error = std::get_if<CommandLineError>(&result)) return "error: " + error->message;
     const auto& c = std::get<BridgeConfig>(result);
     std::ostringstream out;
-    out << c.gatewayURL << " token=" << c.gatewayToken.value_or("-") << " worker=" << c.workerName
+    out << c.gateway.decisionURL().value_or("-") << (c.gateway.sendable() ? " (sendable)" : " (unsendable)") << " token=" << c.gatewayToken.value_or("-") << " worker=" << c.workerName
         << " provider=" << c.provider.value_or("-") << " ca=" << c.caBundle.value_or("-") << " server="
         << c.serverCommandString() << " (" << c.serverArgv.size() << " words) deadline=" << c.deadline
         << " heartbeat=" << c.heartbeatInterval;

@@ -25,6 +25,9 @@ namespace {
 
 using namespace test;
 
+// A client's endpoint as the command line gives it; an unparsable base gives none.
+GatewayEndpoint at(const std::string& base) { return GatewayEndpoint::parse(base).value_or(GatewayEndpoint{}); }
+
 constexpr const char* kPolicy = R"({"rules":[{"tool":"slow","decision":"allow","delaySeconds":0.3},
     {"tool":"rm","decision":"deny","reason":"no writes"},{"decision":"allow"}]})";
 const std::string kAllowReply =
@@ -143,7 +146,7 @@ protected:
 TEST_F(HTTPBridgeGatewayClientTests, AWorkingGatewayGetsTheQueryAndItsVerdictIsTaken) {
     LoopbackGateway gateway(kPolicy);
     // The base's path, query and fragment are dropped; the token and JSON type let the query in.
-    HTTPBridgeGatewayClient client(gateway.url() + "/api/?tenant=7#top", LoopbackGateway::token, 10);
+    HTTPBridgeGatewayClient client(at(gateway.url() + "/api/?tenant=7#top"), LoopbackGateway::token, 10);
     EXPECT_EQ(verdict(client.requestDecision(sampleQuery())), "allow");
     EXPECT_EQ(verdict(client.requestDecision(sampleQuery("rm"))), "no writes");
     client.postEvent(BridgeEvent::pinViolation("worker-1", "write_file", "old", "new"));
@@ -152,7 +155,7 @@ TEST_F(HTTPBridgeGatewayClientTests, AWorkingGatewayGetsTheQueryAndItsVerdictIsT
     EXPECT_EQ(writeJson(*records[0].find("query")), sampleQuery().httpBody());
     EXPECT_EQ(writeJson(*records[2].find("event")),
               BridgeEvent::pinViolation("worker-1", "write_file", "old", "new").httpBody());
-    HTTPBridgeGatewayClient wrongToken(gateway.url(), "s3cret", 10);
+    HTTPBridgeGatewayClient wrongToken(at(gateway.url()), "s3cret", 10);
     EXPECT_EQ(verdict(wrongToken.requestDecision(sampleQuery())), reason(GatewayDenyReason::noAnswer));
 }
 
@@ -163,7 +166,7 @@ TEST_F(HTTPBridgeGatewayClientTests, EveryAnswerMapsToItsDecision) {
     for (const auto& row : caseRows("gateway-answers.txt")) {
         gateway.answer(row[0]);
         // A client of its own per answer: a body sent with 204 may be left on a reused connection.
-        HTTPBridgeGatewayClient client(gateway.url, std::nullopt, 10);
+        HTTPBridgeGatewayClient client(at(gateway.url), std::nullopt, 10);
         EXPECT_EQ(verdict(client.requestDecision(sampleQuery())), named.contains(row[1]) ? reason(named.at(row[1])) : row[1])
             << row[0];
     }
@@ -172,7 +175,7 @@ TEST_F(HTTPBridgeGatewayClientTests, EveryAnswerMapsToItsDecision) {
 TEST_F(HTTPBridgeGatewayClientTests, HeadersOnTheWireAndOneConnectionForManyDecisions) {
     RawGateway gateway(kAllowReply);
     auto requestWithToken = [&](std::optional<std::string> token) {
-        HTTPBridgeGatewayClient client(gateway.url, token, 10);
+        HTTPBridgeGatewayClient client(at(gateway.url), token, 10);
         EXPECT_EQ(verdict(client.requestDecision(sampleQuery())), "allow");
         return gateway.requests().back();
     };
@@ -185,7 +188,7 @@ TEST_F(HTTPBridgeGatewayClientTests, HeadersOnTheWireAndOneConnectionForManyDeci
 
     // A large event (a screenshot) goes out whole at once, without waiting for "100 Continue";
     // decisions in a row share the one connection.
-    HTTPBridgeGatewayClient client(gateway.url, std::nullopt, 10);
+    HTTPBridgeGatewayClient client(at(gateway.url), std::nullopt, 10);
     const BridgeEvent screenshot = BridgeEvent::screenshot("worker-1", std::string(2'000'000, 'A'), "image/png");
     client.postEvent(screenshot);
     ASSERT_TRUE(eventually([&] { return gateway.requests().size() == 3; }));
@@ -201,22 +204,22 @@ TEST_F(HTTPBridgeGatewayClientTests, HeadersOnTheWireAndOneConnectionForManyDeci
 TEST_F(HTTPBridgeGatewayClientTests, DeadlinesSilenceAndWithdrawnDecisions) {
     LoopbackGateway gateway(kPolicy); // "slow" is answered after 0.3 s
     for (double deadline : {0.0, -1.0, -double(INFINITY), std::nan("")}) {
-        HTTPBridgeGatewayClient client(gateway.url(), LoopbackGateway::token, deadline);
+        HTTPBridgeGatewayClient client(at(gateway.url()), LoopbackGateway::token, deadline);
         EXPECT_EQ(verdict(client.requestDecision(sampleQuery("slow"))), reason(GatewayDenyReason::timedOut)) << deadline;
     }
     for (double deadline : {double(INFINITY), 1e300}) {
-        HTTPBridgeGatewayClient client(gateway.url(), LoopbackGateway::token, deadline);
+        HTTPBridgeGatewayClient client(at(gateway.url()), LoopbackGateway::token, deadline);
         EXPECT_EQ(verdict(client.requestDecision(sampleQuery("slow"))), "allow") << deadline;
     }
     // A silent gateway times out at the deadline, and the request is given up.
     RawGateway silent;
-    HTTPBridgeGatewayClient client(silent.url, std::nullopt, 0.5);
+    HTTPBridgeGatewayClient client(at(silent.url), std::nullopt, 0.5);
     EXPECT_EQ(verdict(client.requestDecision(sampleQuery())), reason(GatewayDenyReason::timedOut));
     EXPECT_TRUE(eventually([&] { return silent.sawOpenRequestClosed(); }));
 
     // A decision withdrawn by its caller is given up the same way, and its handler never runs.
     RawGateway silentToo;
-    HTTPBridgeGatewayClient patient(silentToo.url, std::nullopt, 60);
+    HTTPBridgeGatewayClient patient(at(silentToo.url), std::nullopt, 60);
     std::atomic<bool> handled{false};
     auto handle = patient.startDecision(sampleQuery(), [&](BridgeDecision) { handled = true; });
     ASSERT_TRUE(eventually([&] { return silentToo.requests().size() == 1; }));
@@ -228,7 +231,7 @@ TEST_F(HTTPBridgeGatewayClientTests, DeadlinesSilenceAndWithdrawnDecisions) {
     RawGateway stuck;
     const auto start = Clock::now();
     {
-        HTTPBridgeGatewayClient busy(stuck.url, std::nullopt, 30);
+        HTTPBridgeGatewayClient busy(at(stuck.url), std::nullopt, 30);
         for (int i = 0; i < 3; ++i) busy.postEvent(BridgeEvent::screenshot("worker-1", "AAAA", "image/png"));
         ASSERT_TRUE(eventually([&] { return stuck.requests().size() == 3; }));
     }
@@ -250,7 +253,7 @@ TEST_F(HTTPBridgeGatewayClientTests, UnreachableOrUnsendableBasesDenyAtOnce) {
         {"http://gw.example/a b", std::nullopt, GatewayDenyReason::urlInvalid},
     };
     for (const auto& [base, token, expected] : rows) {
-        HTTPBridgeGatewayClient client(base, token, 30);
+        HTTPBridgeGatewayClient client(at(base), token, 30);
         const auto start = Clock::now();
         EXPECT_EQ(verdict(client.requestDecision(sampleQuery())), reason(expected)) << base;
         EXPECT_LT(secondsSince(start), 5.0) << base;
@@ -260,7 +263,7 @@ TEST_F(HTTPBridgeGatewayClientTests, UnreachableOrUnsendableBasesDenyAtOnce) {
 
 TEST_F(HTTPBridgeGatewayClientTests, ConcurrentDecisionsAndEvents) {
     LoopbackGateway gateway(kPolicy);
-    HTTPBridgeGatewayClient client(gateway.url(), LoopbackGateway::token, 20);
+    HTTPBridgeGatewayClient client(at(gateway.url()), LoopbackGateway::token, 20);
     std::atomic<int> allowed{0};
     std::vector<std::thread> callers;
     for (int t = 0; t < 4; ++t) {
@@ -285,9 +288,9 @@ TEST_F(HTTPBridgeGatewayClientTests, LibcurlIsLoadedByTheFirstRequestOnlyAndItsL
     EXPECT_EQ(CurlLibrary::load("libsentrova-no-such-curl.so.4"), nullptr);
     LoopbackGateway gateway(kPolicy);
     loadsAsked = 0;
-    { HTTPBridgeGatewayClient idle(gateway.url(), std::nullopt, 10, &countedRealCurl); }
-    HTTPBridgeGatewayClient client(gateway.url(), LoopbackGateway::token, 10, &countedRealCurl);
-    HTTPBridgeGatewayClient unsendable("ftp://127.0.0.1:1/", std::nullopt, 10, &countedRealCurl);
+    { HTTPBridgeGatewayClient idle(at(gateway.url()), std::nullopt, 10, &countedRealCurl); }
+    HTTPBridgeGatewayClient client(at(gateway.url()), LoopbackGateway::token, 10, &countedRealCurl);
+    HTTPBridgeGatewayClient unsendable(at("ftp://127.0.0.1:1/"), std::nullopt, 10, &countedRealCurl);
     EXPECT_EQ(verdict(unsendable.requestDecision(sampleQuery())), reason(GatewayDenyReason::noAnswer));
     EXPECT_EQ(loadsAsked.load(), 0); // neither an idle client nor a base that cannot be sent loads it
     client.postEvent(BridgeEvent::pinViolation("worker-1", "write_file", "old", "new"));
@@ -297,7 +300,7 @@ TEST_F(HTTPBridgeGatewayClientTests, LibcurlIsLoadedByTheFirstRequestOnlyAndItsL
     ASSERT_TRUE(eventually([&] { return gateway.auditRecords().size() == 3; }));
 
     loadsAsked = 0;
-    HTTPBridgeGatewayClient broken(gateway.url(), LoopbackGateway::token, 30, &countedMissingCurl);
+    HTTPBridgeGatewayClient broken(at(gateway.url()), LoopbackGateway::token, 30, &countedMissingCurl);
     std::vector<std::thread> callers;
     std::atomic<int> denied{0};
     for (int t = 0; t < 4; ++t) {
