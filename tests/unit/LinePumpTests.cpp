@@ -19,11 +19,7 @@ Lines pumpChunks(const std::vector<std::string>& chunks, bool pause = true) {
     EXPECT_EQ(::pipe(ends), 0);
     std::thread writer([&, writeEnd = ends[1]] {
         for (const std::string& chunk : chunks) {
-            for (std::size_t done = 0; done < chunk.size();) {
-                const ssize_t written = ::write(writeEnd, chunk.data() + done, chunk.size() - done);
-                if (written <= 0) break;
-                done += static_cast<std::size_t>(written);
-            }
+            for (ssize_t done = 0, n = 0; done < ssize_t(chunk.size()) && n >= 0; done += n) n = ::write(writeEnd, chunk.data() + done, chunk.size() - done);
             if (pause) std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
         ::close(writeEnd);
@@ -36,9 +32,7 @@ Lines pumpChunks(const std::vector<std::string>& chunks, bool pause = true) {
 }
 
 Lines withoutMore(Lines lines) {
-    for (std::string& line : lines) {
-        if (line.ends_with("+")) line.pop_back();
-    }
+    for (std::string& line : lines) line.erase(line.ends_with("+") ? line.size() - 1 : line.size());
     return lines;
 }
 
@@ -55,13 +49,10 @@ TEST(LinePumpTests, OnlyLineFeedEndsALineEmptyLinesAreDroppedAndBytesPassUntouch
             << cut;
     }
     // A descriptor that cannot be read (a write-only end) ends the pump like the end of the stream.
-    int ends[2];
+    int ends[2], calls = 0;
     ASSERT_EQ(::pipe(ends), 0);
-    int calls = 0;
     sentrova::pumpLines(ends[1], [&](std::string, bool) { ++calls; });
-    EXPECT_EQ(calls, 0);
-    ::close(ends[0]);
-    ::close(ends[1]);
+    EXPECT_EQ(calls + ::close(ends[0]) + ::close(ends[1]), 0);
 }
 
 TEST(LinePumpTests, LongLinesArriveWholeAndInOrder) {

@@ -29,19 +29,15 @@ struct Handle final : BridgeCancellable {
 
 // Captures every write of one side; an optional hook sees each write as it happens.
 struct Sink {
+    template <typename F> auto with(F f) { return std::lock_guard<std::mutex>(lock), f(); }
     MCPBridgeRouter::WriteOperation operation() {
         return [this](std::string_view bytes) {
-            std::unique_lock<std::mutex> hold(lock);
-            writes.emplace_back(bytes);
-            auto seen = hook;
-            hold.unlock();
+            std::function<void(std::string_view)> seen;
+            with([&] { writes.emplace_back(bytes), seen = hook; });
             if (seen) seen(bytes);
         };
     }
-    Lines all() {
-        std::lock_guard<std::mutex> hold(lock);
-        return writes;
-    }
+    Lines all() { return with([&] { return writes; }); }
     std::mutex lock;
     Lines writes;
     std::function<void(std::string_view)> hook;
@@ -50,51 +46,34 @@ struct Sink {
 // Records queries and events in one log (to check their order) and answers with scripted
 // decisions, or, with holdDecisions, waits until the test decides through decide().
 struct FakeGateway final : BridgeGatewayClient {
-    struct Held {
-        std::shared_ptr<Handle> handle = std::make_shared<Handle>();
-        DecisionHandler onDecision;
-    };
-    BridgeDecision requestDecision(const BridgeToolCallQuery& query) override {
-        BridgeDecision decision = BridgeDecision::allow();
-        {
-            std::lock_guard<std::mutex> hold(lock);
-            queries.push_back(query);
-            log.push_back("query:" + query.tool);
-            if (!decisions.empty()) decision = decisions.front(), decisions.pop_front();
-        }
-        if (whileDeciding) whileDeciding();
-        return decision;
-    }
+    template <typename F> auto with(F f) { return std::lock_guard<std::mutex>(lock), f(); }
+    BridgeDecision requestDecision(const BridgeToolCallQuery&) override { return BridgeDecision::allow(); }
     std::shared_ptr<BridgeCancellable> startDecision(const BridgeToolCallQuery& query, DecisionHandler onDecision) override {
-        if (!holdDecisions) return BridgeGatewayClient::startDecision(query, std::move(onDecision));
-        std::lock_guard<std::mutex> hold(lock);
+        std::unique_lock<std::mutex> hold(lock);
         queries.push_back(query);
-        held.push_back({std::make_shared<Handle>(), std::move(onDecision)});
-        return held.back().handle;
-    }
-    std::size_t heldCount() {
-        std::lock_guard<std::mutex> hold(lock);
-        return held.size();
+        log.push_back("query:" + query.tool);
+        if (holdDecisions) return held.emplace_back(std::make_shared<Handle>(), std::move(onDecision)).first;
+        BridgeDecision decision = BridgeDecision::allow();
+        if (!decisions.empty()) decision = decisions.front(), decisions.pop_front();
+        hold.unlock();
+        if (whileDeciding) whileDeciding();
+        onDecision(decision);
+        return nullptr;
     }
     // As the gateway client does: the handler is given up once used.
     void decide(std::size_t index, BridgeDecision decision) {
         DecisionHandler handler;
-        {
-            std::lock_guard<std::mutex> hold(lock);
-            handler = std::move(held[index].onDecision);
-        }
+        with([&] { handler = std::move(held[index].second); });
         handler(std::move(decision));
     }
     void postEvent(const BridgeEvent& event) override {
-        std::lock_guard<std::mutex> hold(lock);
-        events.push_back(event);
-        log.push_back(std::holds_alternative<BridgeEvent::Screenshot>(event.payload()) ? "screenshot" : "pinViolation");
+        with([&] { events.push_back(event), log.push_back(std::holds_alternative<BridgeEvent::Screenshot>(event.payload()) ? "screenshot" : "pinViolation"); });
     }
     std::mutex lock; // tests read the records only while no call is under way
     std::deque<BridgeDecision> decisions;
     std::function<void()> whileDeciding;
     bool holdDecisions = false;
-    std::deque<Held> held;
+    std::deque<std::pair<std::shared_ptr<Handle>, DecisionHandler>> held;
     std::vector<BridgeToolCallQuery> queries;
     std::vector<BridgeEvent> events;
     Lines log;
@@ -102,24 +81,17 @@ struct FakeGateway final : BridgeGatewayClient {
 
 // Records every timer and fires the live ones only when the test says so.
 struct FakeScheduler final : BridgeScheduler {
-    struct Timer {
-        double interval;
-        std::function<void()> action;
-        std::shared_ptr<Handle> handle = std::make_shared<Handle>();
-    };
     std::shared_ptr<BridgeCancellable> scheduleRepeating(double everySeconds, std::function<void()> action) override {
-        timers.push_back({everySeconds, std::move(action)});
-        return timers.back().handle;
+        timers.push_back({everySeconds, std::move(action), std::make_shared<Handle>()});
+        return std::get<2>(timers.back());
     }
     void fireLive() {
-        for (Timer& timer : timers) {
-            if (!timer.handle->cancelled) timer.action();
-        }
+        for (auto& [interval, action, handle] : timers) if (!handle->cancelled) action();
     }
     bool allCancelled() const {
-        return std::all_of(timers.begin(), timers.end(), [](const Timer& timer) { return timer.handle->cancelled.load(); });
+        return std::all_of(timers.begin(), timers.end(), [](const auto& timer) { return std::get<2>(timer)->cancelled.load(); });
     }
-    std::vector<Timer> timers; // touched only by the client-input thread in these tests
+    std::vector<std::tuple<double, std::function<void()>, std::shared_ptr<Handle>>> timers; // client-input thread only
 };
 
 std::string malformedDeny(const Json& id) {
@@ -134,9 +106,10 @@ Json parsed(std::string_view text) { return parseJson(text).value_or(Json()); }
 
 class MCPBridgeRouterTests : public ::testing::Test {
 protected:
-    void list(const std::string& id, const std::string& toolsJson) {
+    // A tools/list request and the server's answer to it (under another id when given).
+    void list(const std::string& id, const std::string& toolsJson, std::string answerId = "") {
         router->handleClientLine(R"({"jsonrpc":"2.0","id":)" + id + R"(,"method":"tools/list"})");
-        router->handleServerLine(R"({"jsonrpc":"2.0","id":)" + id + R"(,"result":{"tools":)" + toolsJson + "}}");
+        router->handleServerLine(R"({"jsonrpc":"2.0","id":)" + (answerId.empty() ? id : answerId) + R"(,"result":{"tools":)" + toolsJson + "}}");
     }
     void call(const std::string& id, const std::string& tool, const std::string& paramsExtra = "") {
         router->handleClientLine(R"({"jsonrpc":"2.0","id":)" + id + R"(,"method":"tools/call","params":{"name":")" +
@@ -199,22 +172,15 @@ TEST_F(MCPBridgeRouterTests, CapturesToolListsBeforeTheAnswerIsWrittenAndMatches
     router->handleServerLine(R"({"jsonrpc":"2.0","id":5,"result":{"tools":[{"name":"late"}]}})");
     EXPECT_EQ(queryFor("late").pinHash, "");
     // {request id, answer id, captured?}: an answer counts under every id the client takes for its
-    // request (clients match by Number(id)); 1.0 is 1; null matches nothing.
+    // request (clients match by Number(id)); null matches nothing.
     const std::vector<std::tuple<std::string, std::string, bool>> pairs = {
-        {R"("7")", "7", false}, {"8", R"("8")", true}, {R"("9")", R"("9")", true},
-        {"1.0", "1", true},     {"null", "null", false}, {"12", R"(" 1.2e1")", true}, {"13", R"("13x")", false},
-    };
-    int index = 0;
+        {R"("7")", "7", false}, {"8", R"("8")", true}, {"null", "null", false}, {"13", R"("13x")", false}};
     for (const auto& [asked, answered, captured] : pairs) {
-        const std::string name = "tool" + std::to_string(++index);
-        router->handleClientLine(R"({"jsonrpc":"2.0","id":)" + asked + R"(,"method":"tools/list"})");
-        router->handleServerLine(R"({"jsonrpc":"2.0","id":)" + answered + R"(,"result":{"tools":[{"name":")" + name +
-                                 R"("}]}})");
+        const std::string name = "tool" + std::to_string(server.all().size());
+        list(asked, R"([{"name":")" + name + R"("}])", answered);
         EXPECT_EQ(queryFor(name).pinHash.empty(), !captured) << asked << " / " << answered;
     }
-    // A schema of any depth gets a real pin; a list with a non-object captures nothing.
-    list("11", R"([{"name":"deep","inputSchema":)" + std::string(600, '[') + std::string(600, ']') + "}]");
-    EXPECT_EQ(queryFor("deep").pinHash.size(), 64u);
+    // A list with a non-object captures nothing.
     list("10", R"([{"name":"mixed"},"x"])");
     EXPECT_EQ(queryFor("mixed").pinHash, "");
     // Entries without a string name are skipped; of two with one name, the later one counts.
@@ -241,8 +207,7 @@ TEST_F(MCPBridgeRouterTests, ForwardedAnswersReportTheirFirstImageBeforeTheyAreW
     call("11", "shot");
     std::size_t eventsAtWrite = 0;
     client.hook = [&](std::string_view) { eventsAtWrite = gateway->events.size(); };
-    const std::string answer =
-        R"({"jsonrpc":"2.0","id":11,"result":{"content":[{"type":"image","data":"QUJD","mimeType":"image/jpeg"}]}})";
+    const std::string answer = R"({"jsonrpc":"2.0","id":11,"result":{"content":[{"type":"image","data":"QUJD","mimeType":"image/jpeg"}]}})";
     router->handleServerLine(answer);
     EXPECT_EQ(eventsAtWrite, 1u);
     EXPECT_EQ(client.all(), Lines{answer + "\n"});
@@ -253,31 +218,21 @@ TEST_F(MCPBridgeRouterTests, ForwardedAnswersReportTheirFirstImageBeforeTheyAreW
     EXPECT_EQ(gateway->events.size(), 1u);
 }
 
-TEST_F(MCPBridgeRouterTests, QueriesCarryIdentityAndCanonicalArgumentsAndDeniesExplainThemselves) {
+TEST_F(MCPBridgeRouterTests, QueriesCarryIdentityAndCanonicalArguments) {
     for (const char* arguments : {"", R"(,"arguments":{})"}) call("2", "fetch", arguments);
     ASSERT_EQ(gateway->queries.size(), 2u);
-    const BridgeToolCallQuery& q = gateway->queries[0];
-    EXPECT_EQ(q.argumentsJSON + gateway->queries[1].argumentsJSON, "{}{}");
-    EXPECT_EQ(q.workerName, "worker-7");
-    EXPECT_FALSE(q.provider.has_value());
-    EXPECT_EQ(q.serverCommand, "npx -y some-server");
-    EXPECT_EQ(q.risk, BridgeRisk::caution);
-    EXPECT_EQ(q.pinHash, "");
-    EXPECT_FALSE(q.pinChanged);
+    BridgeToolCallQuery expected{"worker-7", std::nullopt, "npx -y some-server", "fetch", "{}", BridgeRisk::caution, "", false, std::nullopt, ""};
+    for (const BridgeToolCallQuery& query : gateway->queries) {
+        expected.requestID = query.requestID;
+        EXPECT_EQ(query.httpBody(), expected.httpBody());
+    }
     EXPECT_NE(gateway->queries[0].requestID, gateway->queries[1].requestID);
-    EXPECT_EQ(MCPBridgeRouter::denyMessage("read_file", "", false),
-              "Denied by Sentrova policy: read_file was not approved. Do not retry this exact call; ask the user or "
-              "choose a different action.");
-    EXPECT_EQ(MCPBridgeRouter::denyMessage("rm", "Denied by Sentrova policy.", true),
-              "Denied by Sentrova (tool-pin violation): rm changed since it was last approved \xE2\x80\x94 Denied by "
-              "Sentrova policy.. Do not retry this exact call; ask the user or choose a different action.");
 }
 
 TEST_F(MCPBridgeRouterTests, PinViolationsAreReportedBeforeTheQueryUntilAnApprovalMovesThePin) {
     const std::string v1 = R"({"name":"rm","description":"remove one file"})";
     const std::string v2 = R"({"name":"rm","description":"remove every file"})";
-    const std::string h1 = MCPWire::pinHash(parsed(v1));
-    const std::string h2 = MCPWire::pinHash(parsed(v2));
+    const std::string h1 = MCPWire::pinHash(parsed(v1)), h2 = MCPWire::pinHash(parsed(v2));
     list("1", "[" + v1 + "]");
     call("2", "rm"); // allowed: h1 approved
     list("3", "[" + v2 + "]");
@@ -292,9 +247,8 @@ TEST_F(MCPBridgeRouterTests, PinViolationsAreReportedBeforeTheQueryUntilAnApprov
 
     // The deny moved nothing: the next call is still a change from h1; this one is allowed.
     call("5", "rm");
-    EXPECT_TRUE(gateway->queries.back().pinChanged);
-    EXPECT_EQ(gateway->queries.back().previousPinHash, std::optional<std::string>(h1));
-    EXPECT_EQ(gateway->queries.back().pinHash, h2);
+    const BridgeToolCallQuery& changedQuery = gateway->queries.back();
+    EXPECT_TRUE(changedQuery.pinChanged && changedQuery.previousPinHash == h1 && changedQuery.pinHash == h2);
     EXPECT_EQ(gateway->events.size(), 2u);
     call("6", "rm");
     EXPECT_FALSE(gateway->queries.back().pinChanged);
@@ -303,11 +257,7 @@ TEST_F(MCPBridgeRouterTests, PinViolationsAreReportedBeforeTheQueryUntilAnApprov
 
 TEST_F(MCPBridgeRouterTests, HeartbeatsEchoTheTokenAndCountFromOnePerCall) {
     std::size_t timersAtQuery = 0;
-    gateway->whileDeciding = [&] {
-        timersAtQuery = scheduler->timers.size();
-        scheduler->fireLive();
-        scheduler->fireLive();
-    };
+    gateway->whileDeciding = [&] { timersAtQuery = scheduler->timers.size(), scheduler->fireLive(), scheduler->fireLive(); };
     bool cancelledBeforeAnswer = false;
     client.hook = [&](std::string_view bytes) {
         if (bytes.find("\"result\"") != std::string_view::npos) cancelledBeforeAnswer = scheduler->allCancelled();
@@ -316,21 +266,18 @@ TEST_F(MCPBridgeRouterTests, HeartbeatsEchoTheTokenAndCountFromOnePerCall) {
     call("1", "t", R"(,"_meta":{"progressToken":"abc"})");
     EXPECT_EQ(timersAtQuery, 1u);
     EXPECT_TRUE(cancelledBeforeAnswer);
-    EXPECT_EQ(scheduler->timers.back().interval, 15.0);
+    EXPECT_EQ(std::get<0>(scheduler->timers.back()), 15.0);
     call("2", "t", R"(,"_meta":{"progressToken":7})");
     const Lines writes = client.all();
     // The deny answers the first call; the allowed ones go to the server. Each call counts from 1.
     ASSERT_EQ(writes.size(), 5u);
     EXPECT_EQ(writes, (Lines{heartbeatLine(Json::string("abc"), 1), heartbeatLine(Json::string("abc"), 2),
                              writes[2], heartbeatLine(Json::integer(7), 1), heartbeatLine(Json::integer(7), 2)}));
-    EXPECT_NE(writes[0].find(R"("progress":1,"progressToken":"abc"}})"), std::string::npos);
     EXPECT_TRUE(scheduler->allCancelled());
 
     // Unusable tokens arm nothing.
-    for (const char* meta : {R"(,"_meta":{"progressToken":null})", R"(,"_meta":{"progressToken":{}})", R"(,"_meta":{"progressToken":true})",
-                             R"(,"_meta":{"progressToken":[1]})", R"(,"_meta":{})", R"(,"_meta":"abc")", ""}) {
-        call("4", "t", meta);
-    }
+    for (const char* token : {"null", "{}", "true", "[1]"}) call("4", "t", R"(,"_meta":{"progressToken":)" + std::string(token) + "}");
+    for (const char* meta : {R"(,"_meta":{})", R"(,"_meta":"abc")", ""}) call("4", "t", meta);
     EXPECT_EQ(scheduler->timers.size(), 2u);
     EXPECT_EQ(client.all().size(), 5u);
 }
@@ -354,7 +301,7 @@ TEST_F(MCPBridgeRouterTests, PendingDecisionsHoldNothingBackAndCancelledCallsNev
 
     // The client gives up on call 1: its request and heartbeat stop, and no word of it goes out.
     router->handleClientLine(R"({"jsonrpc":"2.0","method":"notifications/cancelled","params":{"requestId":1}})");
-    EXPECT_TRUE(gateway->held[0].handle->cancelled);
+    EXPECT_TRUE(gateway->held[0].first->cancelled);
     EXPECT_TRUE(scheduler->allCancelled());
     gateway->decide(0, BridgeDecision::allow()); // a verdict already on its way
     EXPECT_EQ(server.all().size(), 2u);
@@ -376,7 +323,7 @@ TEST_F(MCPBridgeRouterTests, PendingDecisionsHoldNothingBackAndCancelledCallsNev
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_FALSE(started);
     gateway->decide(2, BridgeDecision::deny("no"));
-    while (gateway->heldCount() <= 2 + MCPBridgeRouter::maxPendingDecisions) std::this_thread::yield();
+    while (gateway->with([&] { return gateway->held.size(); }) <= 2 + MCPBridgeRouter::maxPendingDecisions) std::this_thread::yield();
     for (std::size_t i = 3; i <= 2 + MCPBridgeRouter::maxPendingDecisions; ++i) {
         gateway->decide(i, BridgeDecision::allow());
     }
@@ -385,9 +332,8 @@ TEST_F(MCPBridgeRouterTests, PendingDecisionsHoldNothingBackAndCancelledCallsNev
 }
 
 TEST(RequestUUIDTests, VersionAndVariantBitsAreSet) {
-    std::array<std::uint8_t, 16> ones{};
-    ones.fill(0xFF);
-    EXPECT_EQ(formatUUIDv4(ones), "FFFFFFFF-FFFF-4FFF-BFFF-FFFFFFFFFFFF");
+    EXPECT_EQ(formatUUIDv4(std::array<std::uint8_t, 16>{255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255}),
+              "FFFFFFFF-FFFF-4FFF-BFFF-FFFFFFFFFFFF");
     EXPECT_EQ(formatUUIDv4({}), "00000000-0000-4000-8000-000000000000");
     EXPECT_NE(makeRequestUUID(), makeRequestUUID());
 }
