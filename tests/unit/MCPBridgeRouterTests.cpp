@@ -15,6 +15,7 @@
 #include "MCPBridgeCore/MCPBridgeRouter.hpp"
 #include "MCPBridgeCore/MCPWire.hpp"
 #include "MCPBridgeCore/RequestUUID.hpp"
+#include "TestSupport.hpp"
 
 using namespace sentrova;
 
@@ -104,8 +105,7 @@ std::string heartbeatLine(const Json& token, std::int64_t progress) {
 
 Json parsed(std::string_view text) { return parseJson(text).value_or(Json()); }
 
-class MCPBridgeRouterTests : public ::testing::Test {
-protected:
+struct Bridge {
     // A tools/list request and the server's answer to it (under another id when given).
     void list(const std::string& id, const std::string& toolsJson, std::string answerId = "") {
         router->handleClientLine(R"({"jsonrpc":"2.0","id":)" + id + R"(,"method":"tools/list"})");
@@ -130,33 +130,42 @@ protected:
         server.operation(), gateway, scheduler);
 };
 
+class MCPBridgeRouterTests : public ::testing::Test, protected Bridge {};
+
 } // namespace
 
-TEST_F(MCPBridgeRouterTests, RelaysUnreadableServerLinesButOnlyWholeClientMessages) {
-    const Lines lines = {
-        "server log line, not JSON\r",
-        R"([{"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"x"}}])",
-        "42",
-        R"({"method":"tools/call", "id":1)",
-        "{ \"params\" : {\"b\":\"a\\/b\\u00e9\\n\"}, \"method\":\"ping\" ,\"id\":\"x\", \"extra\":null }\r",
-        R"({"jsonrpc":"2.0","Id":9,"method":"tools/call","params":{"name":"x"}})", // a Go server would run it
-        R"({"jsonrpc":"2.0","Method":"tools/call","params":{"name":"x"}})",        // nobody to answer
-    };
-    Lines expected;
-    for (const std::string& line : lines) {
-        router->handleClientLine(line);
-        router->handleServerLine(line);
-        expected.push_back(line + "\n");
+// cases/router.txt: scenarios of lines in and, in order, what must come out.
+TEST(MCPBridgeRouterScriptTests, EveryScenarioWritesWhatItLists) {
+    std::unique_ptr<Bridge> b;
+    std::size_t toClient = 0, toServer = 0, events = 0, logged = 0;
+    const auto next = [](Sink& sink, std::size_t& seen) { Lines w = sink.all(); return seen < w.size() ? w[seen++] : "<nothing>\n"; };
+    const auto done = [&] { EXPECT_TRUE(!b || b->client.all().size() + b->server.all().size() == toClient + toServer) << "writes not listed"; };
+    for (const auto& row : test::caseRows("router.txt")) {
+        const std::string& op = row[0];
+        SCOPED_TRACE(op + " " + row[1]);
+        if (op == "=") done(), b = std::make_unique<Bridge>(), toClient = toServer = events = logged = 0;
+        if (op == "c" || op == "c>") b->router->handleClientLine(row[1]);
+        if (op == "s" || op == "s>") b->router->handleServerLine(row[1]);
+        if (op == "c>" || op == ">s") { EXPECT_EQ(next(b->server, toServer), row[1] + "\n"); }
+        if (op == "s>" || op == ">c") { EXPECT_EQ(next(b->client, toClient), row[1] + "\n"); }
+        if (op == "deny") b->gateway->decisions.push_back(BridgeDecision::deny(row[1]));
+        if (op == "event") { EXPECT_EQ(events < b->gateway->events.size() ? b->gateway->events[events++].httpBody() : "<none>", row[1]); }
+        if (op == "q") {
+            const BridgeToolCallQuery query = b->queryFor(row[1]);
+            next(b->server, toServer); // the allowed call
+            const std::string pin = (query.pinHash.empty() ? "-" : query.pinHash) + (query.pinChanged ? " from " + query.previousPinHash.value_or("-") : "");
+            EXPECT_EQ(pin, row[2]);
+        }
+        if (op == "log") {
+            std::string log;
+            while (logged < b->gateway->log.size()) log += (log.empty() ? "" : " ") + b->gateway->log[logged++];
+            EXPECT_EQ(log, row[1]);
+        }
     }
-    // From the client only the one whole message goes on; the calls with an id are answered.
-    expected.insert(expected.begin() + 1, malformedDeny(Json::integer(1)));
-    expected.insert(expected.begin() + 6, malformedDeny(Json::integer(9)));
-    EXPECT_EQ(server.all(), Lines{lines[4] + "\n"});
-    EXPECT_EQ(client.all(), expected);
-    EXPECT_TRUE(gateway->queries.empty());
+    done();
 }
 
-TEST_F(MCPBridgeRouterTests, CapturesToolListsBeforeTheAnswerIsWrittenAndMatchesIdsByKind) {
+TEST_F(MCPBridgeRouterTests, PinsAndImagesAreTakenBeforeTheAnswerIsWritten) {
     const std::string tool = R"({"name":"echo","annotations":{"readOnlyHint":true,"destructiveHint":false}})";
     std::optional<BridgeToolCallQuery> atWrite;
     client.hook = [&](std::string_view) {
@@ -167,55 +176,14 @@ TEST_F(MCPBridgeRouterTests, CapturesToolListsBeforeTheAnswerIsWrittenAndMatches
     ASSERT_TRUE(atWrite.has_value());
     EXPECT_EQ(atWrite->pinHash, MCPWire::pinHash(parsed(tool))) << "pins must be in place when the client sees the list";
     EXPECT_EQ(atWrite->risk, BridgeRisk::safe);
-
-    // The key is gone: a second answer with id 5 captures nothing.
-    router->handleServerLine(R"({"jsonrpc":"2.0","id":5,"result":{"tools":[{"name":"late"}]}})");
-    EXPECT_EQ(queryFor("late").pinHash, "");
-    // {request id, answer id, captured?}: an answer counts under every id the client takes for its
-    // request (clients match by Number(id)); null matches nothing.
-    const std::vector<std::tuple<std::string, std::string, bool>> pairs = {
-        {R"("7")", "7", false}, {"8", R"("8")", true}, {"null", "null", false}, {"13", R"("13x")", false}};
-    for (const auto& [asked, answered, captured] : pairs) {
-        const std::string name = "tool" + std::to_string(server.all().size());
-        list(asked, R"([{"name":")" + name + R"("}])", answered);
-        EXPECT_EQ(queryFor(name).pinHash.empty(), !captured) << asked << " / " << answered;
-    }
-    // A list with a non-object captures nothing.
-    list("10", R"([{"name":"mixed"},"x"])");
-    EXPECT_EQ(queryFor("mixed").pinHash, "");
-    // Entries without a string name are skipped; of two with one name, the later one counts.
-    list("14", R"([{},{"name":3},{"name":"dup","annotations":{"readOnlyHint":true,"destructiveHint":false}},)"
-               R"({"name":"dup","description":"second"}])");
-    EXPECT_EQ(queryFor("dup").pinHash, MCPWire::pinHash(parsed(R"({"name":"dup","description":"second"})")));
-    EXPECT_EQ(queryFor("3").pinHash, "");
-
-    // A notification with a pending id is relayed and leaves that id alone; a server-to-client
-    // request with a pending id takes the key like an answer would.
-    router->handleClientLine(R"({"jsonrpc":"2.0","id":3,"method":"tools/list"})");
-    const std::string changed = R"({"jsonrpc":"2.0","method":"notifications/tools/list_changed","id":3})";
-    router->handleServerLine(changed);
-    EXPECT_EQ(client.all().back(), changed + "\n");
-    router->handleServerLine(R"({"jsonrpc":"2.0","id":3,"result":{"tools":[{"name":"kept"}]}})");
-    EXPECT_EQ(queryFor("kept").pinHash.size(), 64u);
-    router->handleClientLine(R"({"jsonrpc":"2.0","id":4,"method":"tools/list"})");
-    router->handleServerLine(R"({"jsonrpc":"2.0","id":4,"method":"sampling/createMessage","params":{}})");
-    router->handleServerLine(R"({"jsonrpc":"2.0","id":4,"result":{"tools":[{"name":"tooLate"}]}})");
-    EXPECT_EQ(queryFor("tooLate").pinHash, "");
-}
-
-TEST_F(MCPBridgeRouterTests, ForwardedAnswersReportTheirFirstImageBeforeTheyAreWritten) {
+    // An answer's image is reported before the answer is written.
     call("11", "shot");
     std::size_t eventsAtWrite = 0;
     client.hook = [&](std::string_view) { eventsAtWrite = gateway->events.size(); };
     const std::string answer = R"({"jsonrpc":"2.0","id":11,"result":{"content":[{"type":"image","data":"QUJD","mimeType":"image/jpeg"}]}})";
     router->handleServerLine(answer);
     EXPECT_EQ(eventsAtWrite, 1u);
-    EXPECT_EQ(client.all(), Lines{answer + "\n"});
-    EXPECT_EQ(gateway->events, std::vector<BridgeEvent>{BridgeEvent::screenshot("worker-7", "QUJD", "image/jpeg")});
-    // The key is used up; an id that was never forwarded reports nothing either.
-    router->handleServerLine(answer);
-    router->handleServerLine(R"({"jsonrpc":"2.0","id":12,"result":{"content":[{"type":"image","data":"QUJD"}]}})");
-    EXPECT_EQ(gateway->events.size(), 1u);
+    EXPECT_EQ(client.all().back(), answer + "\n");
 }
 
 TEST_F(MCPBridgeRouterTests, QueriesCarryIdentityAndCanonicalArguments) {
@@ -227,32 +195,6 @@ TEST_F(MCPBridgeRouterTests, QueriesCarryIdentityAndCanonicalArguments) {
         EXPECT_EQ(query.httpBody(), expected.httpBody());
     }
     EXPECT_NE(gateway->queries[0].requestID, gateway->queries[1].requestID);
-}
-
-TEST_F(MCPBridgeRouterTests, PinViolationsAreReportedBeforeTheQueryUntilAnApprovalMovesThePin) {
-    const std::string v1 = R"({"name":"rm","description":"remove one file"})";
-    const std::string v2 = R"({"name":"rm","description":"remove every file"})";
-    const std::string h1 = MCPWire::pinHash(parsed(v1)), h2 = MCPWire::pinHash(parsed(v2));
-    list("1", "[" + v1 + "]");
-    call("2", "rm"); // allowed: h1 approved
-    list("3", "[" + v2 + "]");
-
-    gateway->decisions = {BridgeDecision::deny("no")};
-    call("4", "rm");
-    EXPECT_EQ(gateway->events, std::vector<BridgeEvent>{BridgeEvent::pinViolation("worker-7", "rm", h1, h2)});
-    EXPECT_EQ(gateway->log, (Lines{"query:rm", "pinViolation", "query:rm"}));
-    EXPECT_EQ(client.all().back(),
-              MCPWire::denyResult(Json::integer(4), MCPBridgeRouter::denyMessage("rm", "no", true)) + "\n");
-    EXPECT_EQ(server.all().size(), 3u) << "two lists and one call; a denied call never reaches the server";
-
-    // The deny moved nothing: the next call is still a change from h1; this one is allowed.
-    call("5", "rm");
-    const BridgeToolCallQuery& changedQuery = gateway->queries.back();
-    EXPECT_TRUE(changedQuery.pinChanged && changedQuery.previousPinHash == h1 && changedQuery.pinHash == h2);
-    EXPECT_EQ(gateway->events.size(), 2u);
-    call("6", "rm");
-    EXPECT_FALSE(gateway->queries.back().pinChanged);
-    EXPECT_EQ(gateway->events.size(), 2u);
 }
 
 TEST_F(MCPBridgeRouterTests, HeartbeatsEchoTheTokenAndCountFromOnePerCall) {
