@@ -99,10 +99,6 @@ std::string malformedDeny(const Json& id) {
     return MCPWire::denyResult(id, MCPBridgeRouter::denyMessage("tool", "the request was malformed", false)) + "\n";
 }
 
-std::string heartbeatLine(const Json& token, std::int64_t progress) {
-    return MCPWire::progressNotification(token, progress, "Awaiting Sentrova approval\xE2\x80\xA6") + "\n";
-}
-
 Json parsed(std::string_view text) { return parseJson(text).value_or(Json()); }
 
 struct Bridge {
@@ -149,6 +145,7 @@ TEST(MCPBridgeRouterScriptTests, EveryScenarioWritesWhatItLists) {
         if (op == "c>" || op == ">s") { EXPECT_EQ(next(b->server, toServer), row[1] + "\n"); }
         if (op == "s>" || op == ">c") { EXPECT_EQ(next(b->client, toClient), row[1] + "\n"); }
         if (op == "deny") b->gateway->decisions.push_back(BridgeDecision::deny(row[1]));
+        if (op == "beats") b->gateway->whileDeciding = [&b, n = std::stoi(row[1])] { for (int i = 0; i < n; ++i) b->scheduler->fireLive(); };
         if (op == "event") { EXPECT_EQ(events < b->gateway->events.size() ? b->gateway->events[events++].httpBody() : "<none>", row[1]); }
         if (op == "q") {
             const BridgeToolCallQuery query = b->queryFor(row[1]);
@@ -165,7 +162,7 @@ TEST(MCPBridgeRouterScriptTests, EveryScenarioWritesWhatItLists) {
     done();
 }
 
-TEST_F(MCPBridgeRouterTests, PinsAndImagesAreTakenBeforeTheAnswerIsWritten) {
+TEST_F(MCPBridgeRouterTests, PinsImagesAndHeartbeatsAreDoneWithBeforeTheAnswerIsWritten) {
     const std::string tool = R"({"name":"echo","annotations":{"readOnlyHint":true,"destructiveHint":false}})";
     std::optional<BridgeToolCallQuery> atWrite;
     client.hook = [&](std::string_view) {
@@ -184,6 +181,15 @@ TEST_F(MCPBridgeRouterTests, PinsAndImagesAreTakenBeforeTheAnswerIsWritten) {
     router->handleServerLine(answer);
     EXPECT_EQ(eventsAtWrite, 1u);
     EXPECT_EQ(client.all().back(), answer + "\n");
+    // A call's heartbeat is armed before the query and stopped before the answer is written.
+    std::size_t timersAtQuery = 0;
+    gateway->whileDeciding = [&] { timersAtQuery = scheduler->timers.size(); };
+    bool cancelledBeforeAnswer = false;
+    client.hook = [&](std::string_view) { cancelledBeforeAnswer = scheduler->allCancelled(); };
+    gateway->decisions = {BridgeDecision::deny("slow")};
+    call("1", "t", R"(,"_meta":{"progressToken":"abc"})");
+    EXPECT_TRUE(timersAtQuery == 1 && cancelledBeforeAnswer);
+    EXPECT_EQ(std::get<0>(scheduler->timers.back()), 15.0);
 }
 
 TEST_F(MCPBridgeRouterTests, QueriesCarryIdentityAndCanonicalArguments) {
@@ -195,33 +201,6 @@ TEST_F(MCPBridgeRouterTests, QueriesCarryIdentityAndCanonicalArguments) {
         EXPECT_EQ(query.httpBody(), expected.httpBody());
     }
     EXPECT_NE(gateway->queries[0].requestID, gateway->queries[1].requestID);
-}
-
-TEST_F(MCPBridgeRouterTests, HeartbeatsEchoTheTokenAndCountFromOnePerCall) {
-    std::size_t timersAtQuery = 0;
-    gateway->whileDeciding = [&] { timersAtQuery = scheduler->timers.size(), scheduler->fireLive(), scheduler->fireLive(); };
-    bool cancelledBeforeAnswer = false;
-    client.hook = [&](std::string_view bytes) {
-        if (bytes.find("\"result\"") != std::string_view::npos) cancelledBeforeAnswer = scheduler->allCancelled();
-    };
-    gateway->decisions = {BridgeDecision::deny("slow")};
-    call("1", "t", R"(,"_meta":{"progressToken":"abc"})");
-    EXPECT_EQ(timersAtQuery, 1u);
-    EXPECT_TRUE(cancelledBeforeAnswer);
-    EXPECT_EQ(std::get<0>(scheduler->timers.back()), 15.0);
-    call("2", "t", R"(,"_meta":{"progressToken":7})");
-    const Lines writes = client.all();
-    // The deny answers the first call; the allowed ones go to the server. Each call counts from 1.
-    ASSERT_EQ(writes.size(), 5u);
-    EXPECT_EQ(writes, (Lines{heartbeatLine(Json::string("abc"), 1), heartbeatLine(Json::string("abc"), 2),
-                             writes[2], heartbeatLine(Json::integer(7), 1), heartbeatLine(Json::integer(7), 2)}));
-    EXPECT_TRUE(scheduler->allCancelled());
-
-    // Unusable tokens arm nothing.
-    for (const char* token : {"null", "{}", "true", "[1]"}) call("4", "t", R"(,"_meta":{"progressToken":)" + std::string(token) + "}");
-    for (const char* meta : {R"(,"_meta":{})", R"(,"_meta":"abc")", ""}) call("4", "t", meta);
-    EXPECT_EQ(scheduler->timers.size(), 2u);
-    EXPECT_EQ(client.all().size(), 5u);
 }
 
 TEST_F(MCPBridgeRouterTests, PendingDecisionsHoldNothingBackAndCancelledCallsNeverRun) {
