@@ -44,7 +44,7 @@ struct Sink {
     std::function<void(std::string_view)> hook;
 };
 
-// Records queries and events in one log (to check their order) and answers with scripted
+// Records queries ("query:<tool>") and event bodies in one log (to check their order) and answers with scripted
 // decisions, or, with holdDecisions, waits until the test decides through decide().
 struct FakeGateway final : BridgeGatewayClient {
     template <typename F> auto with(F f) { return std::lock_guard<std::mutex>(lock), f(); }
@@ -68,7 +68,7 @@ struct FakeGateway final : BridgeGatewayClient {
         handler(std::move(decision));
     }
     void postEvent(const BridgeEvent& event) override {
-        with([&] { events.push_back(event), log.push_back(std::holds_alternative<BridgeEvent::Screenshot>(event.payload()) ? "screenshot" : "pinViolation"); });
+        with([&] { log.push_back(event.httpBody()); });
     }
     std::mutex lock; // tests read the records only while no call is under way
     std::deque<BridgeDecision> decisions;
@@ -76,7 +76,6 @@ struct FakeGateway final : BridgeGatewayClient {
     bool holdDecisions = false;
     std::deque<std::pair<std::shared_ptr<Handle>, DecisionHandler>> held;
     std::vector<BridgeToolCallQuery> queries;
-    std::vector<BridgeEvent> events;
     Lines log;
 };
 
@@ -123,13 +122,13 @@ class MCPBridgeRouterTests : public ::testing::Test, protected Bridge {};
 // cases/router.txt: scenarios of lines in and, in order, what must come out.
 TEST(MCPBridgeRouterScriptTests, EveryScenarioWritesWhatItLists) {
     std::unique_ptr<Bridge> b;
-    std::size_t toClient = 0, toServer = 0, events = 0, logged = 0;
+    std::size_t toClient = 0, toServer = 0, logged = 0;
     const auto next = [](Sink& sink, std::size_t& seen) { Lines w = sink.all(); return seen < w.size() ? w[seen++] : "<nothing>\n"; };
     const auto done = [&] { EXPECT_TRUE(!b || b->client.all().size() + b->server.all().size() == toClient + toServer) << "writes not listed"; };
     for (const auto& row : test::caseRows("router.txt")) {
         const std::string& op = row[0];
         SCOPED_TRACE(op + " " + row[1]);
-        if (op == "=") done(), b = std::make_unique<Bridge>(), toClient = toServer = events = logged = 0;
+        if (op == "=") done(), b = std::make_unique<Bridge>(), toClient = toServer = logged = 0;
         if (op == "c" || op == "c>") b->router->handleClientLine(row[1]);
         if (op == "s" || op == "s>") b->router->handleServerLine(row[1]);
         if (op == "c>" || op == ">s") { EXPECT_EQ(next(b->server, toServer), row[1] + "\n"); }
@@ -142,7 +141,6 @@ TEST(MCPBridgeRouterScriptTests, EveryScenarioWritesWhatItLists) {
         }
         if (op == "given-up") { EXPECT_TRUE(b->gateway->held.at(std::stoul(row[1])).first->cancelled && b->scheduler->allCancelled()); }
         if (op == "beats") b->gateway->whileDeciding = [&b, n = std::stoi(row[1])] { for (int i = 0; i < n; ++i) b->scheduler->fireLive(); };
-        if (op == "event") { EXPECT_EQ(events < b->gateway->events.size() ? b->gateway->events[events++].httpBody() : "<none>", row[1]); }
         if (op == "q") {
             const BridgeToolCallQuery query = b->queryFor(row[1]);
             next(b->server, toServer); // the allowed call
@@ -176,11 +174,11 @@ TEST_F(MCPBridgeRouterTests, PinsImagesAndHeartbeatsAreDoneWithBeforeTheAnswerIs
     EXPECT_EQ(atWrite->risk, BridgeRisk::safe);
     // An answer's image is reported before the answer is written.
     call("11", "shot");
-    std::size_t eventsAtWrite = 0;
-    client.hook = [&](std::string_view) { eventsAtWrite = gateway->events.size(); };
+    std::string loggedAtWrite;
+    client.hook = [&](std::string_view) { loggedAtWrite = gateway->log.back(); };
     const std::string answer = R"({"jsonrpc":"2.0","id":11,"result":{"content":[{"type":"image","data":"QUJD","mimeType":"image/jpeg"}]}})";
     router->handleServerLine(answer);
-    EXPECT_EQ(eventsAtWrite, 1u);
+    EXPECT_EQ(loggedAtWrite, BridgeEvent::screenshot("worker-7", "QUJD", "image/jpeg").httpBody());
     EXPECT_EQ(client.all().back(), answer + "\n");
     // A call's heartbeat is armed before the query and stopped before the answer is written.
     std::size_t timersAtQuery = 0;
