@@ -42,7 +42,7 @@ TEST(BridgeSchedulerTests, RunsOneIntervalLaterOnAnotherThreadNeverOverlappingAn
     EXPECT_GT(otherRuns.load(), 0);
     // One merged run right after the long one, then the normal rhythm: no burst of catch-up runs.
     EXPECT_GE(starts[1] - starts[0], 0.44);
-    for (std::size_t i = 2; i < starts.size(); ++i) EXPECT_GE(starts[i] - starts[i - 1], 0.03) << "run " << i;
+    for (std::size_t i = 2; i < starts.size(); ++i) EXPECT_GE(starts[i] - starts[i - 1], 0.02) << "run " << i;
 }
 
 TEST(BridgeSchedulerTests, CancelWaitsForTheRunUnderWayAndNoneStartsAfterItNorAfterTheSchedulerEnds) {
@@ -55,14 +55,8 @@ TEST(BridgeSchedulerTests, CancelWaitsForTheRunUnderWayAndNoneStartsAfterItNorAf
         scheduler.scheduleRepeating(0.01, [&] { ++never; }); // handle dropped at once: cancelled
         survivor = scheduler.scheduleRepeating(0.01, [] {});
         std::vector<std::shared_ptr<BridgeCancellable>> unusable;
-        for (double interval : {0.0, -1.0, std::nan(""), double(INFINITY), 1.0e300}) {
-            unusable.push_back(scheduler.scheduleRepeating(interval, [&] { ++never; }));
-        }
-        auto handle = scheduler.scheduleRepeating(0.01, [&] {
-            inAction = true, startedAfterCancel += cancelReturned ? 1 : 0, ++runs;
-            std::this_thread::sleep_for(3ms);
-            inAction = false;
-        });
+        for (double interval : {0.0, -1.0, std::nan(""), double(INFINITY), 1.0e300}) unusable.push_back(scheduler.scheduleRepeating(interval, [&] { ++never; }));
+        auto handle = scheduler.scheduleRepeating(0.01, [&] { inAction = true, startedAfterCancel += cancelReturned, ++runs, std::this_thread::sleep_for(3ms), inAction = false; });
         // An action that cancels its own timer is the run in progress; none follows it.
         std::mutex handleLock;
         std::shared_ptr<BridgeCancellable> self;

@@ -12,7 +12,7 @@ namespace {
 
 std::optional<std::string> given(const std::string& field) { return field == "-" ? std::nullopt : std::optional(field); }
 
-TEST(BridgeContractTests, EveryBodyRowIsPostedByteForByte) {
+TEST(BridgeContractTests, EveryBodyIsPostedByteForByteAndEveryVerdictMapsToItsDecision) {
     for (const auto& row : test::caseRows("bodies.txt", /*raw=*/true)) {
         std::string body = "?";
         if (row[0] == "screenshot") body = BridgeEvent::screenshot(row[1], row[2], row[3]).httpBody();
@@ -23,9 +23,7 @@ TEST(BridgeContractTests, EveryBodyRowIsPostedByteForByte) {
         }
         EXPECT_EQ(body, row.back()) << row[0] << " " << row[1];
     }
-}
-
-TEST(BridgeDecisionTests, EveryVerdictShapeMapsToItsDecision) {
+    // Every verdict shape maps to its decision.
     for (const auto& row : test::caseRows("verdicts.txt")) {
         const BridgeDecision decision = BridgeDecision::parse(row[0]);
         const std::string expected = row.size() < 2 ? "" : row[1] == "<policy>" ? std::string(GatewayDenyReason::policyDefault)

@@ -23,6 +23,8 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+template <typename F> auto locked(std::mutex& lock, F f) { return std::lock_guard<std::mutex>(lock), f(); }
+
 struct Handle final : BridgeCancellable {
     std::atomic<bool> cancelled{false};
     void cancel() override { cancelled = true; }
@@ -30,15 +32,14 @@ struct Handle final : BridgeCancellable {
 
 // Captures every write of one side; an optional hook sees each write as it happens.
 struct Sink {
-    template <typename F> auto with(F f) { return std::lock_guard<std::mutex>(lock), f(); }
     MCPBridgeRouter::WriteOperation operation() {
         return [this](std::string_view bytes) {
             std::function<void(std::string_view)> seen;
-            with([&] { writes.emplace_back(bytes), seen = hook; });
+            locked(lock, [&] { writes.emplace_back(bytes), seen = hook; });
             if (seen) seen(bytes);
         };
     }
-    Lines all() { return with([&] { return writes; }); }
+    Lines all() { return locked(lock, [&] { return writes; }); }
     std::mutex lock;
     Lines writes;
     std::function<void(std::string_view)> hook;
@@ -47,7 +48,6 @@ struct Sink {
 // Records queries ("query:<tool>") and event bodies in one log (to check their order) and answers with scripted
 // decisions, or, with holdDecisions, waits until the test decides through decide().
 struct FakeGateway final : BridgeGatewayClient {
-    template <typename F> auto with(F f) { return std::lock_guard<std::mutex>(lock), f(); }
     BridgeDecision requestDecision(const BridgeToolCallQuery&) override { return BridgeDecision::allow(); }
     std::shared_ptr<BridgeCancellable> startDecision(const BridgeToolCallQuery& query, DecisionHandler onDecision) override {
         std::unique_lock<std::mutex> hold(lock);
@@ -64,11 +64,11 @@ struct FakeGateway final : BridgeGatewayClient {
     // As the gateway client does: the handler is given up once used.
     void decide(std::size_t index, BridgeDecision decision) {
         DecisionHandler handler;
-        with([&] { handler = std::move(held[index].second); });
+        locked(lock, [&] { handler = std::move(held[index].second); });
         handler(std::move(decision));
     }
     void postEvent(const BridgeEvent& event) override {
-        with([&] { log.push_back(event.httpBody()); });
+        locked(lock, [&] { log.push_back(event.httpBody()); });
     }
     std::mutex lock; // tests read the records only while no call is under way
     std::deque<BridgeDecision> decisions;
@@ -85,12 +85,8 @@ struct FakeScheduler final : BridgeScheduler {
         timers.push_back({everySeconds, std::move(action), std::make_shared<Handle>()});
         return std::get<2>(timers.back());
     }
-    void fireLive() {
-        for (auto& [interval, action, handle] : timers) if (!handle->cancelled) action();
-    }
-    bool allCancelled() const {
-        return std::all_of(timers.begin(), timers.end(), [](const auto& timer) { return std::get<2>(timer)->cancelled.load(); });
-    }
+    void fireLive() { for (auto& [interval, action, handle] : timers) if (!handle->cancelled) action(); }
+    bool allCancelled() const { return std::all_of(timers.begin(), timers.end(), [](const auto& timer) { return std::get<2>(timer)->cancelled.load(); }); }
     std::vector<std::tuple<double, std::function<void()>, std::shared_ptr<Handle>>> timers; // client-input thread only
 };
 
@@ -106,8 +102,7 @@ struct Bridge {
         return gateway->queries.back();
     }
 
-    Sink client;
-    Sink server;
+    Sink client, server;
     std::shared_ptr<FakeGateway> gateway = std::make_shared<FakeGateway>();
     std::shared_ptr<FakeScheduler> scheduler = std::make_shared<FakeScheduler>();
     std::shared_ptr<MCPBridgeRouter> router = std::make_shared<MCPBridgeRouter>(
@@ -163,10 +158,7 @@ TEST(MCPBridgeRouterScriptTests, EveryScenarioWritesWhatItLists) {
 TEST_F(MCPBridgeRouterTests, PinsImagesAndHeartbeatsAreDoneWithBeforeTheAnswerIsWritten) {
     const std::string tool = R"({"name":"echo","annotations":{"readOnlyHint":true,"destructiveHint":false}})";
     std::optional<BridgeToolCallQuery> atWrite;
-    client.hook = [&](std::string_view) {
-        client.hook = nullptr;
-        atWrite = queryFor("echo");
-    };
+    client.hook = [&](std::string_view) { client.hook = nullptr, atWrite = queryFor("echo"); };
     router->handleClientLine(R"({"jsonrpc":"2.0","id":5,"method":"tools/list"})");
     router->handleServerLine(R"({"jsonrpc":"2.0","id":5,"result":{"tools":[)" + tool + "]}}");
     ASSERT_TRUE(atWrite.has_value());
@@ -204,7 +196,7 @@ TEST_F(MCPBridgeRouterTests, AtMostMaxPendingDecisionsWaitAndTheEndOfInputWaitsF
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_FALSE(started);
     gateway->decide(0, BridgeDecision::deny("no"));
-    while (gateway->with([&] { return gateway->held.size(); }) <= MCPBridgeRouter::maxPendingDecisions) std::this_thread::yield();
+    while (locked(gateway->lock, [&] { return gateway->held.size(); }) <= MCPBridgeRouter::maxPendingDecisions) std::this_thread::yield();
     for (std::size_t i = 1; i <= MCPBridgeRouter::maxPendingDecisions; ++i) gateway->decide(i, BridgeDecision::allow());
     pump.join();
     EXPECT_EQ(server.all().size(), MCPBridgeRouter::maxPendingDecisions);
