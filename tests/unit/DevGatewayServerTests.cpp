@@ -1,16 +1,10 @@
+// The dev gateway over raw HTTP on 127.0.0.1: answers, refusals, audit records, asks and pins.
 #include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "TestSupport.hpp"
@@ -22,24 +16,16 @@ namespace {
 using namespace test;
 namespace fs = std::filesystem;
 
-int connectTo(int port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 ? fd : (::close(fd), -1);
-}
+int connectTo(int port) { return loopbackSocket(port); }
 
-// Reads one answer (headers and a Content-Length body) within the time limit: the status
-// (0 when none came) and the body.
+// Reads one answer within the time limit: the status (0 when none came) and the body.
 std::pair<int, std::string> readAnswer(int fd, int timeoutMs = 30000) {
     std::string text;
     for (const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);;) {
-        const std::size_t end = text.find("\r\n\r\n");
-        const std::size_t length = text.find("Content-Length: ");
-        const std::size_t size = end != std::string::npos && length < end ? std::stoul(text.substr(length + 16)) : 0;
-        if (end != std::string::npos && text.size() >= end + 4 + size) return {std::atoi(text.c_str() + 9), text.substr(end + 4, size)};
+        if (const std::size_t size = wholeMessage(text)) {
+            const std::size_t body = text.find("\r\n\r\n") + 4;
+            return {std::atoi(text.c_str() + 9), text.substr(body, size - body)};
+        }
         pollfd readable{fd, POLLIN, 0};
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
         char buffer[65536];
@@ -55,19 +41,16 @@ std::string request(int port, const std::string& path, const std::string& body) 
            "\r\n\r\n" + body;
 }
 
-// One request as raw text on a fresh connection.
-std::pair<int, std::string> roundTrip(int port, const std::string& text) {
+// One request as raw text on a fresh connection: "status body".
+std::string roundTrip(int port, const std::string& text) {
     const int fd = connectTo(port);
     (void)::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
-    auto answer = readAnswer(fd);
+    auto [status, answer] = readAnswer(fd);
     ::close(fd);
-    return answer;
-}
-
-std::string post(int port, const std::string& path, const std::string& body) {
-    auto [status, answer] = roundTrip(port, request(port, path, body));
     return std::to_string(status) + " " + answer;
 }
+
+std::string post(int port, const std::string& path, const std::string& body) { return roundTrip(port, request(port, path, body)); }
 
 long peakMemoryKiB() {
     std::ifstream status("/proc/self/status");
@@ -84,13 +67,10 @@ constexpr const char* kPolicy = R"({"rules":[{"tool":"echo","decision":"allow"},
 const std::string kAllow = R"(200 {"decision":"allow"})";
 
 TEST(DevGatewayOptionsTests, EveryCommandLineRowGivesItsSettingsOrItsError) {
-    for (const auto& row : caseRows("dev-gateway-options.txt")) {
-        std::vector<std::string> words;
-        std::istringstream split(row[0]);
-        for (std::string word; std::getline(split, word, ' ');) words.push_back(word);
+    for (const auto& row : caseRows("dev-gateway-options.txt", true)) {
         std::map<std::string, std::string> env;
         if (row[1] != "-") env["SENTROVA_GATEWAY_TOKEN"] = row[1];
-        auto result = parseDevGatewayOptions(words, env);
+        auto result = parseDevGatewayOptions(words(row[0]), env);
         std::string got;
         if (auto* error = std::get_if<DevGatewayOptionsError>(&result)) {
             got = row[2].starts_with("error: ") && error->message.find(row[2].substr(7)) != std::string::npos ? row[2] : error->message;
@@ -114,24 +94,28 @@ TEST(DevGatewayOptionsTests, EveryCommandLineRowGivesItsSettingsOrItsError) {
     fs::remove_all(directory);
 }
 
-TEST(DevGatewayServerTests, AnswersQuestionsFromThePolicyAndLogsThem) {
+// Each way in for a web page or another local user is refused before the body is read, and
+// a body sent in chunks is cut off at 64 MiB: the memory it may take is bounded.
+TEST(DevGatewayServerTests, AnswersFromThePolicyLogsAndRefusesForeignPagesHostsTokensTypesAndBigBodies) {
     LoopbackGateway gateway(kPolicy);
     const int port = gateway.port();
-    EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"echo","risk":"safe","workerName":"w"})"), kAllow);
-    EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"rm"})"), R"(200 {"decision":"deny","reason":"never delete"})");
-    EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"other"})"), R"(200 {"decision":"deny","reason":"no policy rule matched"})");
+    const auto fill = [&](std::string text) {
+        const std::size_t body = text.find("\r\n\r\n") + 4;
+        for (const auto& [name, value] : {std::pair<std::string, std::string>{"{HOST}", "127.0.0.1:" + std::to_string(port)},
+                                          {"{PORT}", std::to_string(port)}, {"{LEN}", std::to_string(text.size() - body)},
+                                          {"{AUTH}", std::string("Authorization: Bearer ") + LoopbackGateway::token + "\r\n"}}) {
+            for (std::size_t at; (at = text.find(name)) != std::string::npos;) text.replace(at, name.size(), value);
+        }
+        return text;
+    };
+    auto rows = caseRows("dev-gateway-requests.txt");
+    rows.push_back({"POST /v1/toolcall HTTP/1.1\r\nHost: {HOST}\r\n{AUTH}X-Pad: " + std::string(17000, 'p') + "\r\n\r\n", "431"});
     const auto started = Clock::now();
-    EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"slow"})"), kAllow);
-    EXPECT_GE(secondsSince(started), 0.4);
-    EXPECT_EQ(post(port, "/v1/toolcall", "[1,2]").substr(0, 3), "400");
-    EXPECT_EQ(post(port, "/v1/event", R"({"kind":"screenshot","base64":"iVBORw0KGgo=","mimeType":"image/png","workerName":"w"})"), "204 ");
-    // Budget of 64 bytes in this gateway: 8 saved, the next 60 are logged without a file.
-    EXPECT_EQ(post(port, "/v1/event", R"({"kind":"screenshot","base64":")" + std::string(80, 'A') + R"("})"), "204 ");
-    // A query that the log cannot hold as JSON still gets a whole record.
-    EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"echo","x":[NaN,1e400]})"), kAllow);
+    for (const auto& row : rows) EXPECT_TRUE(roundTrip(port, fill(row[0])).starts_with(row[1])) << row[0];
+    EXPECT_GE(secondsSince(started), 0.4); // "slow" waits its delay
 
-    const std::vector<Json> records = gateway.auditRecords();
-    ASSERT_EQ(records.size(), 8u);
+    std::vector<Json> records = gateway.auditRecords();
+    ASSERT_GE(records.size(), 8u);
     EXPECT_EQ(records[0].find("kind")->stringValue() + records[0].find("decision")->stringValue(), "toolcallallow");
     EXPECT_EQ(records[0].find("query")->find("workerName")->stringValue(), "w");
     EXPECT_EQ(records[1].find("reason")->stringValue(), "never delete");
@@ -143,28 +127,12 @@ TEST(DevGatewayServerTests, AnswersQuestionsFromThePolicyAndLogsThem) {
     const std::string file = screenshot.find("screenshotFile") ? screenshot.find("screenshotFile")->stringValue() : "";
     EXPECT_EQ(fs::file_size(file), 8u);
     EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    // Budget of 64 bytes in this gateway: 8 saved, the next 60 are logged without a file.
     EXPECT_NE(records[6].find("screenshotError")->stringValue().find("budget"), std::string::npos);
+    // A query that the log cannot hold as JSON still gets a whole record.
     EXPECT_EQ(records[7].find("rule")->intValue(), 0);
     EXPECT_NE(records[7].find("time"), nullptr);
     EXPECT_NE(records[7].find("queryText")->stringValue().find("NaN"), std::string::npos);
-}
-
-// Each way in for a web page or another local user is refused before the body is read, and
-// a body sent in chunks is cut off at 64 MiB: the memory it may take is bounded.
-TEST(DevGatewayServerTests, RefusesForeignPagesHostsTokensTypesAndBigBodies) {
-    LoopbackGateway gateway(kPolicy);
-    const int port = gateway.port();
-    const auto fill = [&](std::string text) {
-        for (const auto& [name, value] : {std::pair<std::string, std::string>{"{HOST}", "127.0.0.1:" + std::to_string(port)},
-                                          {"{PORT}", std::to_string(port)},
-                                          {"{AUTH}", std::string("Authorization: Bearer ") + LoopbackGateway::token + "\r\n"}}) {
-            for (std::size_t at; (at = text.find(name)) != std::string::npos;) text.replace(at, name.size(), value);
-        }
-        return text;
-    };
-    auto rows = caseRows("dev-gateway-requests.txt");
-    rows.push_back({"POST /v1/toolcall HTTP/1.1\r\nHost: {HOST}\r\n{AUTH}X-Pad: " + std::string(17000, 'p') + "\r\n\r\n", "431"});
-    for (const auto& row : rows) EXPECT_EQ(std::to_string(roundTrip(port, fill(row[0])).first), row[1]) << row[0];
 
     const long before = peakMemoryKiB();
     const int fd = connectTo(port);
@@ -184,10 +152,11 @@ TEST(DevGatewayServerTests, RefusesForeignPagesHostsTokensTypesAndBigBodies) {
     EXPECT_LT(grown, 400L * 1024);
 #endif
     EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"echo"})"), kAllow); // still serving
+    records = gateway.auditRecords();
     std::size_t refused = 0;
-    for (const Json& record : gateway.auditRecords()) {
-        refused += record.find("kind")->stringValue() == "refused" ? 1 : 0;
-        EXPECT_EQ(record.find("screenshotFile"), nullptr);
+    for (std::size_t i = 8; i < records.size(); ++i) {
+        refused += records[i].find("kind")->stringValue() == "refused" ? 1 : 0;
+        EXPECT_EQ(records[i].find("screenshotFile"), nullptr);
     }
     EXPECT_GE(refused, 13u);
 }
@@ -232,7 +201,7 @@ TEST(DevGatewayServerTests, AskWaitsForThePageTimesOutOrIsAbandoned) {
     const int port = gateway->port();
     const auto pending = [&] {
         return roundTrip(port, "GET /v1/pending HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
-                                   "\r\nAuthorization: Bearer " + LoopbackGateway::token + "\r\n\r\n").second;
+                                   "\r\nAuthorization: Bearer " + LoopbackGateway::token + "\r\n\r\n");
     };
     EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"ask"})"),
               R"(200 {"decision":"deny","reason":"no one answered on the approval page within 0.5 s"})");

@@ -1,8 +1,14 @@
-// What several unit test files share: polling, case tables read from tests/unit/cases, and the
-// dev gateway embedded as a working gateway on 127.0.0.1.
+// What several unit test files share: polling, case tables read from tests/unit/cases, loopback
+// sockets, and the dev gateway embedded as a working gateway on 127.0.0.1.
 #pragma once
 
 #include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -72,6 +78,29 @@ inline std::vector<std::string> words(const std::string& field) {
     std::istringstream split(field);
     for (std::string word; split >> word;) out.push_back(word == "''" ? "" : unescaped(word));
     return out;
+}
+
+// A TCP socket on 127.0.0.1: connected to a port, or (port 0) listening on a free one, set here.
+inline int loopbackSocket(int& port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* raw = reinterpret_cast<sockaddr*>(&address);
+    if (port != 0) return ::connect(fd, raw, length) == 0 ? fd : (::close(fd), -1);
+    ::bind(fd, raw, length), ::listen(fd, 64), ::getsockname(fd, raw, &length);
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
+// The length of the first whole HTTP message (head and Content-Length body) in text; 0 if none yet.
+inline std::size_t wholeMessage(const std::string& text) {
+    const std::size_t end = text.find("\r\n\r\n"), field = text.find("Content-Length: ");
+    if (end == std::string::npos) return 0;
+    const std::size_t total = end + 4 + (field < end ? std::stoul(text.substr(field + 16)) : 0);
+    return text.size() >= total ? total : 0;
 }
 
 inline std::string temporaryDirectory() {
