@@ -116,23 +116,16 @@ TEST(DevGatewayServerTests, AnswersFromThePolicyLogsAndRefusesForeignPagesHostsT
 
     std::vector<Json> records = gateway.auditRecords();
     ASSERT_GE(records.size(), 8u);
-    EXPECT_EQ(records[0].find("kind")->stringValue() + records[0].find("decision")->stringValue(), "toolcallallow");
-    EXPECT_EQ(records[0].find("query")->find("workerName")->stringValue(), "w");
-    EXPECT_EQ(records[1].find("reason")->stringValue(), "never delete");
-    EXPECT_EQ(records[2].find("rule"), nullptr);
-    EXPECT_EQ(records[4].find("kind")->stringValue(), "refused");
-    const Json& screenshot = records[5];
-    EXPECT_EQ(screenshot.find("event")->find("base64"), nullptr);
-    EXPECT_EQ(screenshot.find("event")->find("base64Length")->intValue(), 12);
-    const std::string file = screenshot.find("screenshotFile") ? screenshot.find("screenshotFile")->stringValue() : "";
+    for (std::size_t i = 0; i < 8; ++i) {
+        const std::string text = writeJson(records[i]).value_or("");
+        for (std::size_t k = 2; k < rows[i].size(); ++k) {
+            const bool absent = rows[i][k][0] == '!';
+            EXPECT_EQ(text.find(rows[i][k].substr(absent)) == std::string::npos, absent) << rows[i][k] << " in " << text;
+        }
+    }
+    const std::string file = records[5].find("screenshotFile")->stringValue();
     EXPECT_EQ(fs::file_size(file), 8u);
     EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-    // Budget of 64 bytes in this gateway: 8 saved, the next 60 are logged without a file.
-    EXPECT_NE(records[6].find("screenshotError")->stringValue().find("budget"), std::string::npos);
-    // A query that the log cannot hold as JSON still gets a whole record.
-    EXPECT_EQ(records[7].find("rule")->intValue(), 0);
-    EXPECT_NE(records[7].find("time"), nullptr);
-    EXPECT_NE(records[7].find("queryText")->stringValue().find("NaN"), std::string::npos);
 
     const long before = peakMemoryKiB();
     const int fd = connectTo(port);
@@ -228,16 +221,10 @@ TEST(DevGatewayServerTests, RemembersAllowedPinsAcrossRuns) {
         {"tool":"*","toolKnown":true,"pinKnown":false,"decision":"deny","reason":"changed since allowed"},
         {"tool":"*","decision":"allow"}]})";
     const std::string pinA = R"({"tool":"t","serverCommand":"npx -y s","pinHash":"aa"})";
-    std::string directory;
-    {
-        LoopbackGateway first(policy);
-        first.keepDirectory();
-        directory = first.directory().string();
-        EXPECT_EQ(post(first.port(), "/v1/toolcall", pinA), kAllow);
-    }
+    const std::string directory = temporaryDirectory();
+    EXPECT_EQ(post(LoopbackGateway(policy, directory).port(), "/v1/toolcall", pinA), kAllow);
     {
         LoopbackGateway second(policy, directory);
-        second.keepDirectory();
         EXPECT_EQ(post(second.port(), "/v1/toolcall", pinA), kAllow);
         EXPECT_EQ(post(second.port(), "/v1/toolcall", R"({"tool":"t","serverCommand":"npx -y s","pinHash":"bb"})"),
                   R"(200 {"decision":"deny","reason":"changed since allowed"})");
@@ -254,7 +241,7 @@ TEST(DevGatewayServerTests, RemembersAllowedPinsAcrossRuns) {
     fs::remove_all(directory);
 
     // When no record can be written, no call is allowed.
-    LoopbackGateway unlogged(kPolicy, temporaryDirectory(), "/dev/full");
+    LoopbackGateway unlogged(kPolicy, {}, "/dev/full");
     EXPECT_EQ(post(unlogged.port(), "/v1/toolcall", R"({"tool":"echo"})"),
               R"x(200 {"decision":"deny","reason":"the gateway cannot write its audit log; denying (fail-closed)"})x");
 }

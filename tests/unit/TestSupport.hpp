@@ -109,13 +109,12 @@ inline std::string temporaryDirectory() {
 }
 
 // The project's dev gateway serving a policy on 127.0.0.1, its audit log and pin state in a
-// directory (a fresh one, or the one of an earlier run).
+// directory: a fresh one, removed at the end, or one given (kept, as for a later run).
 class LoopbackGateway {
 public:
     static constexpr const char* token = "s3cret-token";
-    explicit LoopbackGateway(const std::string& policyText, std::string directory = temporaryDirectory(),
-                             std::string logPath = {})
-        : directory_(std::move(directory)) {
+    explicit LoopbackGateway(const std::string& policyText, std::string directory = {}, std::string logPath = {})
+        : directory_(directory.empty() ? temporaryDirectory() : directory), keep_(!directory.empty()) {
         auto policy = DevGatewayPolicy::parse(policyText, "inline");
         auto log = DevGatewayAuditLog::open(logPath.empty() ? (directory_ / "audit.jsonl").string() : logPath, 64);
         auto pins = DevGatewayPinStore::load((directory_ / "state.json").string());
@@ -134,8 +133,6 @@ public:
     }
     int port() const { return port_; }
     std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
-    const std::filesystem::path& directory() const { return directory_; }
-    void keepDirectory() { keep_ = true; }
     std::vector<Json> auditRecords() const {
         std::ifstream file(directory_ / "audit.jsonl");
         std::vector<Json> records;
@@ -145,7 +142,7 @@ public:
 
 private:
     std::filesystem::path directory_;
-    bool keep_ = false;
+    bool keep_;
     std::unique_ptr<DevGatewayServer> server_;
     int port_ = 0;
     std::thread serving_;
