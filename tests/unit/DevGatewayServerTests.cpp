@@ -16,7 +16,12 @@ namespace {
 using namespace test;
 namespace fs = std::filesystem;
 
-int connectTo(int port) { return loopbackSocket(port); }
+// A fresh connection to the gateway with text sent on it.
+int sendTo(int port, const std::string& text) {
+    const int fd = loopbackSocket(port);
+    (void)::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+    return fd;
+}
 
 // Reads one answer within the time limit: the status (0 when none came) and the body.
 std::pair<int, std::string> readAnswer(int fd, int timeoutMs = 30000) {
@@ -43,8 +48,7 @@ std::string request(int port, const std::string& path, const std::string& body) 
 
 // One request as raw text on a fresh connection: "status body".
 std::string roundTrip(int port, const std::string& text) {
-    const int fd = connectTo(port);
-    (void)::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+    const int fd = sendTo(port, text);
     auto [status, answer] = readAnswer(fd);
     ::close(fd);
     return std::to_string(status) + " " + answer;
@@ -128,10 +132,8 @@ TEST(DevGatewayServerTests, AnswersFromThePolicyLogsAndRefusesForeignPagesHostsT
     EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 
     const long before = peakMemoryKiB();
-    const int fd = connectTo(port);
-    const std::string head = fill("POST /v1/event HTTP/1.1\r\nHost: {HOST}\r\n{AUTH}Content-Type: application/json\r\n"
-                                  "Transfer-Encoding: chunked\r\n\r\n");
-    ::send(fd, head.data(), head.size(), MSG_NOSIGNAL);
+    const int fd = sendTo(port, fill("POST /v1/event HTTP/1.1\r\nHost: {HOST}\r\n{AUTH}Content-Type: application/json\r\n"
+                                     "Transfer-Encoding: chunked\r\n\r\n"));
     const std::string chunk = "100000\r\n" + std::string(0x100000, 'A') + "\r\n";
     std::size_t sent = 0;
     while (sent < 150'000'000u && ::send(fd, chunk.data(), chunk.size(), MSG_NOSIGNAL) > 0) sent += 0x100000;
@@ -160,12 +162,8 @@ TEST(DevGatewayServerTests, StaysResponsiveWhileCallsWaitAndConnectionsTrickle) 
     LoopbackGateway gateway(kPolicy);
     const int port = gateway.port();
     std::vector<int> waiting, trickling;
-    for (int i = 0; i < 200; ++i) {
-        waiting.push_back(connectTo(port));
-        const std::string text = request(port, "/v1/toolcall", R"({"tool":"three"})");
-        ::send(waiting.back(), text.data(), text.size(), MSG_NOSIGNAL);
-    }
-    for (int i = 0; i < 40; ++i) trickling.push_back(connectTo(port));
+    for (int i = 0; i < 200; ++i) waiting.push_back(sendTo(port, request(port, "/v1/toolcall", R"({"tool":"three"})")));
+    for (int i = 0; i < 40; ++i) trickling.push_back(sendTo(port, "P"));
     std::atomic<bool> trickle{true};
     std::thread trickler([&] {
         for (int second = 0; trickle && second < 30; ++second, std::this_thread::sleep_for(1s)) {
@@ -198,9 +196,7 @@ TEST(DevGatewayServerTests, AskWaitsForThePageTimesOutOrIsAbandoned) {
     };
     EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"ask"})"),
               R"(200 {"decision":"deny","reason":"no one answered on the approval page within 0.5 s"})");
-    const int caller = connectTo(port);
-    const std::string text = request(port, "/v1/toolcall", R"({"tool":"asklong","argumentsJSON":"{\"a\":1}"})");
-    ::send(caller, text.data(), text.size(), MSG_NOSIGNAL);
+    const int caller = sendTo(port, request(port, "/v1/toolcall", R"({"tool":"asklong","argumentsJSON":"{\"a\":1}"})"));
     EXPECT_TRUE(eventually([&] { return pending().find(R"("tool":"asklong")") != std::string::npos; }));
     ::close(caller); // the client cancelled: the bridge hangs up
     EXPECT_TRUE(eventually([&] { return pending().find("asklong") == std::string::npos; }));
