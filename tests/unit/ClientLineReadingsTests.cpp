@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <string>
 
 #include "MCPBridgeCore/ClientLineReadings.hpp"
@@ -21,11 +20,8 @@ std::string answers(const std::string& line) {
     return out;
 }
 
-TEST(ClientLineReadingsTests, EachLineIsRelayedOrEveryRequestInItIsAnswered) {
+TEST(ClientLineReadingsTests, EachLineIsRelayedOrEveryRequestInItIsAnsweredInLinearTime) {
     for (const auto& row : test::caseRows("client-lines.txt")) EXPECT_EQ(answers(row[0]), row.size() > 1 ? row[1] : "") << row[0];
-}
-
-TEST(ClientLineReadingsTests, ManyRequestsInOneRefusedLineTakeLinearTime) {
     std::string line = "[";
     for (int i = 0; i < 160000; ++i) line += R"({"id":)" + std::to_string(i) + R"(,"method":"tools/call"},)";
     line.back() = ']';

@@ -26,9 +26,8 @@ std::string readBytes(const fs::path& path) {
 TEST(DevGatewayAuditLogTests, TimestampsBase64AndImageNames) {
     EXPECT_EQ(auditTimestamp(std::chrono::system_clock::time_point(std::chrono::milliseconds(1714566896789))),
               "2024-05-01T12:34:56.789Z");
-    EXPECT_EQ(decodeBase64("aGVsbG8=").value_or("") + decodeBase64("aGVsbG8").value_or("") + decodeBase64("aGVs\nbG8h").value_or(""),
-              "hellohellohello!");
-    EXPECT_EQ(decodeBase64("/w=="), std::string(1, '\xFF'));
+    EXPECT_EQ(decodeBase64("aGVsbG8=").value_or("") + decodeBase64("aGVsbG8").value_or("") + decodeBase64("aGVs\nbG8h").value_or("") +
+                  decodeBase64("/w==").value_or(""), "hellohellohello!\xFF");
     // A bad character, a lone digit that holds no byte, data after padding, too much padding.
     for (const char* bad : {"aGVsbG8*", "aGVsb", "aG==VsbG8", "aGV==="}) EXPECT_FALSE(decodeBase64(bad).has_value()) << bad;
     EXPECT_EQ(imageExtension("image/png") + imageExtension("image/jpeg") + imageExtension("image/x-unknown"), "pngjpgbin");
@@ -36,7 +35,7 @@ TEST(DevGatewayAuditLogTests, TimestampsBase64AndImageNames) {
 
 // Whole JSON lines from many threads, appended after what is there; a write cut short (disk full)
 // is taken back so the next line is never glued to it; after rotation, reopen writes a new file.
-TEST(DevGatewayAuditLogTests, AppendsWholeLinesFromManyThreadsNeverGluesThemAndReopens) {
+TEST(DevGatewayAuditLogTests, AppendsWholeLinesNeverGluesThemReopensAndSavesScreenshots) {
     const fs::path directory = test::temporaryDirectory(), logPath = directory / "nested" / "audit.jsonl";
     {
         auto log = std::get<std::unique_ptr<DevGatewayAuditLog>>(DevGatewayAuditLog::open(logPath.string()));
@@ -44,10 +43,7 @@ TEST(DevGatewayAuditLogTests, AppendsWholeLinesFromManyThreadsNeverGluesThemAndR
         std::vector<std::thread> writers;
         for (int writer = 0; writer < 4; ++writer) {
             writers.emplace_back([&log, writer] {
-                for (int i = 0; i < 50; ++i) {
-                    log->append({{"kind", Json::string("toolcall")}, {"writer", Json::integer(writer)},
-                                 {"padding", Json::string(std::string(3000, 'x'))}});
-                }
+                for (int i = 0; i < 50; ++i) log->append({{"writer", Json::integer(writer)}, {"padding", Json::string(std::string(3000, 'x'))}});
             });
         }
         for (std::thread& writer : writers) writer.join();
@@ -58,9 +54,8 @@ TEST(DevGatewayAuditLogTests, AppendsWholeLinesFromManyThreadsNeverGluesThemAndR
     std::ifstream file(logPath);
     std::size_t lines = 0;
     for (std::string line; std::getline(file, line); ++lines) {
-        const std::optional<Json> record = parseJson(line);
-        ASSERT_TRUE(record && record->find("time")) << line.substr(0, 80);
-        EXPECT_EQ(record->find("time")->stringValue().size(), 24u);
+        const Json record = parseJson(line).value_or(Json());
+        EXPECT_EQ(record.find("time") ? record.find("time")->stringValue().size() : 0, 24u) << line.substr(0, 80);
     }
     EXPECT_EQ(lines, 201u);
 
@@ -81,16 +76,12 @@ TEST(DevGatewayAuditLogTests, AppendsWholeLinesFromManyThreadsNeverGluesThemAndR
     EXPECT_TRUE(log->reopen());
     EXPECT_TRUE(log->append({{"kind", Json::string("rotated")}}));
     EXPECT_NE(readBytes(logPath).find("rotated"), std::string::npos);
-    fs::remove_all(directory);
-}
 
-TEST(DevGatewayAuditLogTests, SavesDecodedScreenshotsUnderDistinctBoundedNames) {
-    const fs::path directory = test::temporaryDirectory();
-    auto log = std::get<std::unique_ptr<DevGatewayAuditLog>>(DevGatewayAuditLog::open((directory / "audit.jsonl").string()));
+    // Screenshots are saved decoded, beside the log, under distinct names of bounded size.
     const DevGatewayAuditLog::SavedImage first = log->saveScreenshot("iVBORw0KGgo=", "image/png");
     const DevGatewayAuditLog::SavedImage second = log->saveScreenshot("/9j/", "image/jpeg");
     EXPECT_EQ(first.problem + second.problem, "");
-    EXPECT_EQ(fs::path(first.path).parent_path(), directory);
+    EXPECT_EQ(fs::path(first.path).parent_path(), directory / "nested");
     EXPECT_EQ(fs::path(first.path).extension().string() + fs::path(second.path).extension().string(), ".png.jpg");
     EXPECT_EQ(readBytes(first.path), std::string("\x89PNG\r\n\x1A\n", 8));
     EXPECT_EQ(readBytes(second.path), std::string("\xFF\xD8\xFF", 3));

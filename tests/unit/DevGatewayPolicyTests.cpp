@@ -1,8 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
-#include <tuple>
-#include <vector>
 #include <variant>
 
 #include "sentrova-dev-gateway/DevGatewayGlob.hpp"
@@ -13,32 +12,22 @@ using namespace sentrova;
 
 namespace {
 
-DevGatewayPolicy parsedPolicy(const std::string& text) {
-    auto result = DevGatewayPolicy::parse(text, "test.json");
-    if (auto* error = std::get_if<std::string>(&result)) {
-        ADD_FAILURE() << *error;
-        return DevGatewayPolicy();
-    }
-    return std::get<DevGatewayPolicy>(std::move(result));
+// The verdict on a query body read as the gateway reads it, in a row's words.
+std::string outcome(const DevGatewayPolicy& policy, const std::string& body, const std::string& known) {
+    auto parsed = DevGatewayQuery::parse(parseJson(body).value_or(Json()));
+    if (!std::holds_alternative<DevGatewayQuery>(parsed)) return "rejected";
+    DevGatewayQuery query = std::get<DevGatewayQuery>(parsed);
+    query.toolKnown = known.find('t') != std::string::npos;
+    query.pinKnown = known.find('p') != std::string::npos;
+    const DevGatewayVerdict verdict = policy.decide(query);
+    std::ostringstream out;
+    out << decisionName(verdict.decision);
+    if (verdict.ruleIndex) out << " rule " << *verdict.ruleIndex;
+    if (verdict.delaySeconds != 0) out << " after " << verdict.delaySeconds << " s";
+    if (verdict.decision == DevGatewayDecision::ask) out << " within " << verdict.timeoutSeconds << " s";
+    if (!verdict.reason.empty()) out << ": " << verdict.reason;
+    return out.str();
 }
-
-std::string parseError(const std::string& text) {
-    auto result = DevGatewayPolicy::parse(text, "policies/team.json");
-    return std::holds_alternative<std::string>(result) ? std::get<std::string>(result) : "accepted";
-}
-
-DevGatewayQuery query(std::string tool, std::string risk = "caution", bool pinChanged = false,
-                      std::string workerName = "worker", std::string serverCommand = "node server.js") {
-    DevGatewayQuery made;
-    made.tool = std::move(tool);
-    made.risk = std::move(risk);
-    made.workerName = std::move(workerName);
-    made.serverCommand = std::move(serverCommand);
-    made.pinChanged = pinChanged;
-    return made;
-}
-
-bool allows(const DevGatewayVerdict& verdict) { return verdict.decision == DevGatewayDecision::allow; }
 
 } // namespace
 
@@ -49,66 +38,24 @@ TEST(DevGatewayGlobTests, MatchesWholeTextWithStarsQuestionMarksAndEscapes) {
 }
 
 TEST(DevGatewayPolicyTests, FirstMatchingRuleDecidesAndNoMatchDenies) {
-    const DevGatewayPolicy policy = parsedPolicy(R"({
-      "description": "test",
-      "rules": [
+    auto parsed = DevGatewayPolicy::parse(R"({"description": "test", "rules": [
         {"tool": "*", "pinChanged": true, "decision": "deny", "reason": "definition changed"},
         {"tool": ["echo", "get-*"], "decision": "allow", "comment": "read-only tools"},
         {"tool": "write_*", "risk": ["critical", "caution"], "decision": "deny"},
         {"workerName": "ci-*", "serverCommand": "*server-memory*", "decision": "allow", "delaySeconds": 1.5},
-        {"tool": "fetch", "toolKnown": true, "pinKnown": false, "decision": "ask", "timeoutSeconds": 300}
-      ]})");
-    ASSERT_EQ(policy.rules().size(), 5u);
-
-    DevGatewayVerdict verdict = policy.decide(query("echo"));
-    EXPECT_TRUE(allows(verdict));
-    EXPECT_EQ(verdict.ruleIndex, 1u);
-
-    verdict = policy.decide(query("echo", "safe", true));
-    EXPECT_FALSE(allows(verdict));
-    EXPECT_EQ(verdict.reason, "definition changed");
-    EXPECT_EQ(verdict.ruleIndex, 0u);
-
-    verdict = policy.decide(query("write_file", "critical"));
-    EXPECT_FALSE(allows(verdict));
-    EXPECT_EQ(verdict.reason, "denied by policy rule rules[2]");
-
-    verdict = policy.decide(query("write_file", "safe", false, "ci-7", "node /x/server-memory/dist/index.js"));
-    EXPECT_TRUE(allows(verdict));
-    EXPECT_EQ(verdict.ruleIndex, 3u);
-    EXPECT_DOUBLE_EQ(verdict.delaySeconds, 1.5);
-
-    verdict = policy.decide(query("write_file", "safe", false, "dev", "node /x/server-memory/dist/index.js"));
-    EXPECT_FALSE(allows(verdict));
-    EXPECT_EQ(verdict.reason, kNoRuleMatchedReason);
-    EXPECT_FALSE(verdict.ruleIndex.has_value());
-
-    EXPECT_FALSE(allows(DevGatewayPolicy().decide(query("echo"))));
-
-    DevGatewayQuery changed = query("fetch");
-    EXPECT_EQ(policy.decide(changed).ruleIndex, std::nullopt); // never allowed before: not this rule
-    changed.toolKnown = true;
-    verdict = policy.decide(changed);
-    EXPECT_EQ(verdict.decision, DevGatewayDecision::ask);
-    EXPECT_DOUBLE_EQ(verdict.timeoutSeconds, 300);
-    changed.pinKnown = true;
-    EXPECT_EQ(policy.decide(changed).ruleIndex, std::nullopt);
-}
-
-TEST(DevGatewayPolicyTests, QueryIsReadFromTheBridgeBodyStrictly) {
-    auto body = parseJson(R"({"argumentsJSON":"{}","pinChanged":true,"pinHash":"","requestID":"X","risk":"safe",)"
-                          R"("serverCommand":"node s.js","tool":"echo","workerName":"w","future":[1]})");
-    const DevGatewayQuery read = std::get<DevGatewayQuery>(DevGatewayQuery::parse(*body));
-    EXPECT_EQ(read.tool + "|" + read.risk + "|" + read.workerName + "|" + read.serverCommand, "echo|safe|w|node s.js");
-    EXPECT_TRUE(read.pinChanged);
-    for (const char* odd : {R"({"tool":"x","pinChanged":1})", R"({"risk":"safe"})", R"({"tool":"x","risk":null})"}) {
-        EXPECT_TRUE(std::holds_alternative<std::string>(DevGatewayQuery::parse(*parseJson(odd)))) << odd;
-    }
+        {"tool": "fetch", "toolKnown": true, "pinKnown": false, "decision": "ask", "timeoutSeconds": 300}]})", "test.json");
+    ASSERT_TRUE(std::holds_alternative<DevGatewayPolicy>(parsed));
+    const DevGatewayPolicy& policy = std::get<DevGatewayPolicy>(parsed);
+    EXPECT_EQ(policy.rules().size(), 5u);
+    for (const auto& row : test::caseRows("policy-decisions.txt")) EXPECT_EQ(outcome(policy, row[0], row[1]), row[2]) << row[0];
+    EXPECT_EQ(outcome(DevGatewayPolicy(), R"({"tool":"echo"})", "-"), "deny: no policy rule matched");
 }
 
 TEST(DevGatewayPolicyTests, BadPoliciesNameTheFileTheRuleAndTheProblem) {
     for (const auto& row : test::caseRows("policy-errors.txt")) {
-        EXPECT_TRUE(parseError(row[0]).starts_with("policy file policies/team.json: " + row[1])) << parseError(row[0]);
+        auto result = DevGatewayPolicy::parse(row[0], "policies/team.json");
+        const std::string error = std::holds_alternative<std::string>(result) ? std::get<std::string>(result) : "accepted";
+        EXPECT_TRUE(error.starts_with("policy file policies/team.json: " + row[1])) << error;
     }
     auto missing = DevGatewayPolicy::load("/nonexistent/policy.json");
     ASSERT_TRUE(std::holds_alternative<std::string>(missing));

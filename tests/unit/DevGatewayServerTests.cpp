@@ -1,16 +1,10 @@
+// The dev gateway over raw HTTP on 127.0.0.1: answers, refusals, audit records, asks and pins.
 #include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "TestSupport.hpp"
@@ -22,24 +16,21 @@ namespace {
 using namespace test;
 namespace fs = std::filesystem;
 
-int connectTo(int port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 ? fd : (::close(fd), -1);
+// A fresh connection to the gateway with text sent on it.
+int sendTo(int port, const std::string& text) {
+    const int fd = loopbackSocket(port);
+    (void)::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+    return fd;
 }
 
-// Reads one answer (headers and a Content-Length body) within the time limit: the status
-// (0 when none came) and the body.
+// Reads one answer within the time limit: the status (0 when none came) and the body.
 std::pair<int, std::string> readAnswer(int fd, int timeoutMs = 30000) {
     std::string text;
     for (const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);;) {
-        const std::size_t end = text.find("\r\n\r\n");
-        const std::size_t length = text.find("Content-Length: ");
-        const std::size_t size = end != std::string::npos && length < end ? std::stoul(text.substr(length + 16)) : 0;
-        if (end != std::string::npos && text.size() >= end + 4 + size) return {std::atoi(text.c_str() + 9), text.substr(end + 4, size)};
+        if (const std::size_t size = wholeMessage(text)) {
+            const std::size_t body = text.find("\r\n\r\n") + 4;
+            return {std::atoi(text.c_str() + 9), text.substr(body, size - body)};
+        }
         pollfd readable{fd, POLLIN, 0};
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
         char buffer[65536];
@@ -55,19 +46,15 @@ std::string request(int port, const std::string& path, const std::string& body) 
            "\r\n\r\n" + body;
 }
 
-// One request as raw text on a fresh connection.
-std::pair<int, std::string> roundTrip(int port, const std::string& text) {
-    const int fd = connectTo(port);
-    (void)::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
-    auto answer = readAnswer(fd);
+// One request as raw text on a fresh connection: "status body".
+std::string roundTrip(int port, const std::string& text) {
+    const int fd = sendTo(port, text);
+    auto [status, answer] = readAnswer(fd);
     ::close(fd);
-    return answer;
-}
-
-std::string post(int port, const std::string& path, const std::string& body) {
-    auto [status, answer] = roundTrip(port, request(port, path, body));
     return std::to_string(status) + " " + answer;
 }
+
+std::string post(int port, const std::string& path, const std::string& body) { return roundTrip(port, request(port, path, body)); }
 
 long peakMemoryKiB() {
     std::ifstream status("/proc/self/status");
@@ -84,13 +71,10 @@ constexpr const char* kPolicy = R"({"rules":[{"tool":"echo","decision":"allow"},
 const std::string kAllow = R"(200 {"decision":"allow"})";
 
 TEST(DevGatewayOptionsTests, EveryCommandLineRowGivesItsSettingsOrItsError) {
-    for (const auto& row : caseRows("dev-gateway-options.txt")) {
-        std::vector<std::string> words;
-        std::istringstream split(row[0]);
-        for (std::string word; std::getline(split, word, ' ');) words.push_back(word);
+    for (const auto& row : caseRows("dev-gateway-options.txt", true)) {
         std::map<std::string, std::string> env;
         if (row[1] != "-") env["SENTROVA_GATEWAY_TOKEN"] = row[1];
-        auto result = parseDevGatewayOptions(words, env);
+        auto result = parseDevGatewayOptions(words(row[0]), env);
         std::string got;
         if (auto* error = std::get_if<DevGatewayOptionsError>(&result)) {
             got = row[2].starts_with("error: ") && error->message.find(row[2].substr(7)) != std::string::npos ? row[2] : error->message;
@@ -114,49 +98,15 @@ TEST(DevGatewayOptionsTests, EveryCommandLineRowGivesItsSettingsOrItsError) {
     fs::remove_all(directory);
 }
 
-TEST(DevGatewayServerTests, AnswersQuestionsFromThePolicyAndLogsThem) {
-    LoopbackGateway gateway(kPolicy);
-    const int port = gateway.port();
-    EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"echo","risk":"safe","workerName":"w"})"), kAllow);
-    EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"rm"})"), R"(200 {"decision":"deny","reason":"never delete"})");
-    EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"other"})"), R"(200 {"decision":"deny","reason":"no policy rule matched"})");
-    const auto started = Clock::now();
-    EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"slow"})"), kAllow);
-    EXPECT_GE(secondsSince(started), 0.4);
-    EXPECT_EQ(post(port, "/v1/toolcall", "[1,2]").substr(0, 3), "400");
-    EXPECT_EQ(post(port, "/v1/event", R"({"kind":"screenshot","base64":"iVBORw0KGgo=","mimeType":"image/png","workerName":"w"})"), "204 ");
-    // Budget of 64 bytes in this gateway: 8 saved, the next 60 are logged without a file.
-    EXPECT_EQ(post(port, "/v1/event", R"({"kind":"screenshot","base64":")" + std::string(80, 'A') + R"("})"), "204 ");
-    // A query that the log cannot hold as JSON still gets a whole record.
-    EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"echo","x":[NaN,1e400]})"), kAllow);
-
-    const std::vector<Json> records = gateway.auditRecords();
-    ASSERT_EQ(records.size(), 8u);
-    EXPECT_EQ(records[0].find("kind")->stringValue() + records[0].find("decision")->stringValue(), "toolcallallow");
-    EXPECT_EQ(records[0].find("query")->find("workerName")->stringValue(), "w");
-    EXPECT_EQ(records[1].find("reason")->stringValue(), "never delete");
-    EXPECT_EQ(records[2].find("rule"), nullptr);
-    EXPECT_EQ(records[4].find("kind")->stringValue(), "refused");
-    const Json& screenshot = records[5];
-    EXPECT_EQ(screenshot.find("event")->find("base64"), nullptr);
-    EXPECT_EQ(screenshot.find("event")->find("base64Length")->intValue(), 12);
-    const std::string file = screenshot.find("screenshotFile") ? screenshot.find("screenshotFile")->stringValue() : "";
-    EXPECT_EQ(fs::file_size(file), 8u);
-    EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-    EXPECT_NE(records[6].find("screenshotError")->stringValue().find("budget"), std::string::npos);
-    EXPECT_EQ(records[7].find("rule")->intValue(), 0);
-    EXPECT_NE(records[7].find("time"), nullptr);
-    EXPECT_NE(records[7].find("queryText")->stringValue().find("NaN"), std::string::npos);
-}
-
 // Each way in for a web page or another local user is refused before the body is read, and
 // a body sent in chunks is cut off at 64 MiB: the memory it may take is bounded.
-TEST(DevGatewayServerTests, RefusesForeignPagesHostsTokensTypesAndBigBodies) {
+TEST(DevGatewayServerTests, AnswersFromThePolicyLogsAndRefusesForeignPagesHostsTokensTypesAndBigBodies) {
     LoopbackGateway gateway(kPolicy);
     const int port = gateway.port();
     const auto fill = [&](std::string text) {
+        const std::size_t body = text.find("\r\n\r\n") + 4;
         for (const auto& [name, value] : {std::pair<std::string, std::string>{"{HOST}", "127.0.0.1:" + std::to_string(port)},
-                                          {"{PORT}", std::to_string(port)},
+                                          {"{PORT}", std::to_string(port)}, {"{LEN}", std::to_string(text.size() - body)},
                                           {"{AUTH}", std::string("Authorization: Bearer ") + LoopbackGateway::token + "\r\n"}}) {
             for (std::size_t at; (at = text.find(name)) != std::string::npos;) text.replace(at, name.size(), value);
         }
@@ -164,13 +114,26 @@ TEST(DevGatewayServerTests, RefusesForeignPagesHostsTokensTypesAndBigBodies) {
     };
     auto rows = caseRows("dev-gateway-requests.txt");
     rows.push_back({"POST /v1/toolcall HTTP/1.1\r\nHost: {HOST}\r\n{AUTH}X-Pad: " + std::string(17000, 'p') + "\r\n\r\n", "431"});
-    for (const auto& row : rows) EXPECT_EQ(std::to_string(roundTrip(port, fill(row[0])).first), row[1]) << row[0];
+    const auto started = Clock::now();
+    for (const auto& row : rows) EXPECT_TRUE(roundTrip(port, fill(row[0])).starts_with(row[1])) << row[0];
+    EXPECT_GE(secondsSince(started), 0.4); // "slow" waits its delay
+
+    std::vector<Json> records = gateway.auditRecords();
+    ASSERT_GE(records.size(), 8u);
+    for (std::size_t i = 0; i < 8; ++i) {
+        const std::string text = writeJson(records[i]).value_or("");
+        for (std::size_t k = 2; k < rows[i].size(); ++k) {
+            const bool absent = rows[i][k][0] == '!';
+            EXPECT_EQ(text.find(rows[i][k].substr(absent)) == std::string::npos, absent) << rows[i][k] << " in " << text;
+        }
+    }
+    const std::string file = records[5].find("screenshotFile")->stringValue();
+    EXPECT_EQ(fs::file_size(file), 8u);
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 
     const long before = peakMemoryKiB();
-    const int fd = connectTo(port);
-    const std::string head = fill("POST /v1/event HTTP/1.1\r\nHost: {HOST}\r\n{AUTH}Content-Type: application/json\r\n"
-                                  "Transfer-Encoding: chunked\r\n\r\n");
-    ::send(fd, head.data(), head.size(), MSG_NOSIGNAL);
+    const int fd = sendTo(port, fill("POST /v1/event HTTP/1.1\r\nHost: {HOST}\r\n{AUTH}Content-Type: application/json\r\n"
+                                     "Transfer-Encoding: chunked\r\n\r\n"));
     const std::string chunk = "100000\r\n" + std::string(0x100000, 'A') + "\r\n";
     std::size_t sent = 0;
     while (sent < 150'000'000u && ::send(fd, chunk.data(), chunk.size(), MSG_NOSIGNAL) > 0) sent += 0x100000;
@@ -184,10 +147,11 @@ TEST(DevGatewayServerTests, RefusesForeignPagesHostsTokensTypesAndBigBodies) {
     EXPECT_LT(grown, 400L * 1024);
 #endif
     EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"echo"})"), kAllow); // still serving
+    records = gateway.auditRecords();
     std::size_t refused = 0;
-    for (const Json& record : gateway.auditRecords()) {
-        refused += record.find("kind")->stringValue() == "refused" ? 1 : 0;
-        EXPECT_EQ(record.find("screenshotFile"), nullptr);
+    for (std::size_t i = 8; i < records.size(); ++i) {
+        refused += records[i].find("kind")->stringValue() == "refused" ? 1 : 0;
+        EXPECT_EQ(records[i].find("screenshotFile"), nullptr);
     }
     EXPECT_GE(refused, 13u);
 }
@@ -198,12 +162,8 @@ TEST(DevGatewayServerTests, StaysResponsiveWhileCallsWaitAndConnectionsTrickle) 
     LoopbackGateway gateway(kPolicy);
     const int port = gateway.port();
     std::vector<int> waiting, trickling;
-    for (int i = 0; i < 200; ++i) {
-        waiting.push_back(connectTo(port));
-        const std::string text = request(port, "/v1/toolcall", R"({"tool":"three"})");
-        ::send(waiting.back(), text.data(), text.size(), MSG_NOSIGNAL);
-    }
-    for (int i = 0; i < 40; ++i) trickling.push_back(connectTo(port));
+    for (int i = 0; i < 200; ++i) waiting.push_back(sendTo(port, request(port, "/v1/toolcall", R"({"tool":"three"})")));
+    for (int i = 0; i < 40; ++i) trickling.push_back(sendTo(port, "P"));
     std::atomic<bool> trickle{true};
     std::thread trickler([&] {
         for (int second = 0; trickle && second < 30; ++second, std::this_thread::sleep_for(1s)) {
@@ -232,13 +192,11 @@ TEST(DevGatewayServerTests, AskWaitsForThePageTimesOutOrIsAbandoned) {
     const int port = gateway->port();
     const auto pending = [&] {
         return roundTrip(port, "GET /v1/pending HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
-                                   "\r\nAuthorization: Bearer " + LoopbackGateway::token + "\r\n\r\n").second;
+                                   "\r\nAuthorization: Bearer " + LoopbackGateway::token + "\r\n\r\n");
     };
     EXPECT_EQ(post(port, "/v1/toolcall", R"({"tool":"ask"})"),
               R"(200 {"decision":"deny","reason":"no one answered on the approval page within 0.5 s"})");
-    const int caller = connectTo(port);
-    const std::string text = request(port, "/v1/toolcall", R"({"tool":"asklong","argumentsJSON":"{\"a\":1}"})");
-    ::send(caller, text.data(), text.size(), MSG_NOSIGNAL);
+    const int caller = sendTo(port, request(port, "/v1/toolcall", R"({"tool":"asklong","argumentsJSON":"{\"a\":1}"})"));
     EXPECT_TRUE(eventually([&] { return pending().find(R"("tool":"asklong")") != std::string::npos; }));
     ::close(caller); // the client cancelled: the bridge hangs up
     EXPECT_TRUE(eventually([&] { return pending().find("asklong") == std::string::npos; }));
@@ -259,16 +217,10 @@ TEST(DevGatewayServerTests, RemembersAllowedPinsAcrossRuns) {
         {"tool":"*","toolKnown":true,"pinKnown":false,"decision":"deny","reason":"changed since allowed"},
         {"tool":"*","decision":"allow"}]})";
     const std::string pinA = R"({"tool":"t","serverCommand":"npx -y s","pinHash":"aa"})";
-    std::string directory;
-    {
-        LoopbackGateway first(policy);
-        first.keepDirectory();
-        directory = first.directory().string();
-        EXPECT_EQ(post(first.port(), "/v1/toolcall", pinA), kAllow);
-    }
+    const std::string directory = temporaryDirectory();
+    EXPECT_EQ(post(LoopbackGateway(policy, directory).port(), "/v1/toolcall", pinA), kAllow);
     {
         LoopbackGateway second(policy, directory);
-        second.keepDirectory();
         EXPECT_EQ(post(second.port(), "/v1/toolcall", pinA), kAllow);
         EXPECT_EQ(post(second.port(), "/v1/toolcall", R"({"tool":"t","serverCommand":"npx -y s","pinHash":"bb"})"),
                   R"(200 {"decision":"deny","reason":"changed since allowed"})");
@@ -285,7 +237,7 @@ TEST(DevGatewayServerTests, RemembersAllowedPinsAcrossRuns) {
     fs::remove_all(directory);
 
     // When no record can be written, no call is allowed.
-    LoopbackGateway unlogged(kPolicy, temporaryDirectory(), "/dev/full");
+    LoopbackGateway unlogged(kPolicy, {}, "/dev/full");
     EXPECT_EQ(post(unlogged.port(), "/v1/toolcall", R"({"tool":"echo"})"),
               R"x(200 {"decision":"deny","reason":"the gateway cannot write its audit log; denying (fail-closed)"})x");
 }

@@ -15,12 +15,15 @@
 #include "MCPBridgeCore/MCPBridgeRouter.hpp"
 #include "MCPBridgeCore/MCPWire.hpp"
 #include "MCPBridgeCore/RequestUUID.hpp"
+#include "TestSupport.hpp"
 
 using namespace sentrova;
 
 namespace {
 
 using Lines = std::vector<std::string>;
+
+template <typename F> auto locked(std::mutex& lock, F f) { return std::lock_guard<std::mutex>(lock), f(); }
 
 struct Handle final : BridgeCancellable {
     std::atomic<bool> cancelled{false};
@@ -31,113 +34,64 @@ struct Handle final : BridgeCancellable {
 struct Sink {
     MCPBridgeRouter::WriteOperation operation() {
         return [this](std::string_view bytes) {
-            std::unique_lock<std::mutex> hold(lock);
-            writes.emplace_back(bytes);
-            auto seen = hook;
-            hold.unlock();
+            std::function<void(std::string_view)> seen;
+            locked(lock, [&] { writes.emplace_back(bytes), seen = hook; });
             if (seen) seen(bytes);
         };
     }
-    Lines all() {
-        std::lock_guard<std::mutex> hold(lock);
-        return writes;
-    }
+    Lines all() { return locked(lock, [&] { return writes; }); }
     std::mutex lock;
     Lines writes;
     std::function<void(std::string_view)> hook;
 };
 
-// Records queries and events in one log (to check their order) and answers with scripted
+// Records queries ("query:<tool>") and event bodies in one log (to check their order) and answers with scripted
 // decisions, or, with holdDecisions, waits until the test decides through decide().
 struct FakeGateway final : BridgeGatewayClient {
-    struct Held {
-        std::shared_ptr<Handle> handle = std::make_shared<Handle>();
-        DecisionHandler onDecision;
-    };
-    BridgeDecision requestDecision(const BridgeToolCallQuery& query) override {
-        BridgeDecision decision = BridgeDecision::allow();
-        {
-            std::lock_guard<std::mutex> hold(lock);
-            queries.push_back(query);
-            log.push_back("query:" + query.tool);
-            if (!decisions.empty()) decision = decisions.front(), decisions.pop_front();
-        }
-        if (whileDeciding) whileDeciding();
-        return decision;
-    }
+    BridgeDecision requestDecision(const BridgeToolCallQuery&) override { return BridgeDecision::allow(); }
     std::shared_ptr<BridgeCancellable> startDecision(const BridgeToolCallQuery& query, DecisionHandler onDecision) override {
-        if (!holdDecisions) return BridgeGatewayClient::startDecision(query, std::move(onDecision));
-        std::lock_guard<std::mutex> hold(lock);
+        std::unique_lock<std::mutex> hold(lock);
         queries.push_back(query);
-        held.push_back({std::make_shared<Handle>(), std::move(onDecision)});
-        return held.back().handle;
-    }
-    std::size_t heldCount() {
-        std::lock_guard<std::mutex> hold(lock);
-        return held.size();
+        log.push_back("query:" + query.tool);
+        if (holdDecisions) return held.emplace_back(std::make_shared<Handle>(), std::move(onDecision)).first;
+        BridgeDecision decision = BridgeDecision::allow();
+        if (!decisions.empty()) decision = decisions.front(), decisions.pop_front();
+        hold.unlock();
+        if (whileDeciding) whileDeciding();
+        onDecision(decision);
+        return nullptr;
     }
     // As the gateway client does: the handler is given up once used.
     void decide(std::size_t index, BridgeDecision decision) {
         DecisionHandler handler;
-        {
-            std::lock_guard<std::mutex> hold(lock);
-            handler = std::move(held[index].onDecision);
-        }
+        locked(lock, [&] { handler = std::move(held[index].second); });
         handler(std::move(decision));
     }
     void postEvent(const BridgeEvent& event) override {
-        std::lock_guard<std::mutex> hold(lock);
-        events.push_back(event);
-        log.push_back(std::holds_alternative<BridgeEvent::Screenshot>(event.payload()) ? "screenshot" : "pinViolation");
+        locked(lock, [&] { log.push_back(event.httpBody()); });
     }
     std::mutex lock; // tests read the records only while no call is under way
     std::deque<BridgeDecision> decisions;
     std::function<void()> whileDeciding;
     bool holdDecisions = false;
-    std::deque<Held> held;
+    std::deque<std::pair<std::shared_ptr<Handle>, DecisionHandler>> held;
     std::vector<BridgeToolCallQuery> queries;
-    std::vector<BridgeEvent> events;
     Lines log;
 };
 
 // Records every timer and fires the live ones only when the test says so.
 struct FakeScheduler final : BridgeScheduler {
-    struct Timer {
-        double interval;
-        std::function<void()> action;
-        std::shared_ptr<Handle> handle = std::make_shared<Handle>();
-    };
     std::shared_ptr<BridgeCancellable> scheduleRepeating(double everySeconds, std::function<void()> action) override {
-        timers.push_back({everySeconds, std::move(action)});
-        return timers.back().handle;
+        timers.push_back({everySeconds, std::move(action), std::make_shared<Handle>()});
+        return std::get<2>(timers.back());
     }
-    void fireLive() {
-        for (Timer& timer : timers) {
-            if (!timer.handle->cancelled) timer.action();
-        }
-    }
-    bool allCancelled() const {
-        return std::all_of(timers.begin(), timers.end(), [](const Timer& timer) { return timer.handle->cancelled.load(); });
-    }
-    std::vector<Timer> timers; // touched only by the client-input thread in these tests
+    void fireLive() { for (auto& [interval, action, handle] : timers) if (!handle->cancelled) action(); }
+    bool allCancelled() const { return std::all_of(timers.begin(), timers.end(), [](const auto& timer) { return std::get<2>(timer)->cancelled.load(); }); }
+    std::vector<std::tuple<double, std::function<void()>, std::shared_ptr<Handle>>> timers; // client-input thread only
 };
 
-std::string malformedDeny(const Json& id) {
-    return MCPWire::denyResult(id, MCPBridgeRouter::denyMessage("tool", "the request was malformed", false)) + "\n";
-}
 
-std::string heartbeatLine(const Json& token, std::int64_t progress) {
-    return MCPWire::progressNotification(token, progress, "Awaiting Sentrova approval\xE2\x80\xA6") + "\n";
-}
-
-Json parsed(std::string_view text) { return parseJson(text).value_or(Json()); }
-
-class MCPBridgeRouterTests : public ::testing::Test {
-protected:
-    void list(const std::string& id, const std::string& toolsJson) {
-        router->handleClientLine(R"({"jsonrpc":"2.0","id":)" + id + R"(,"method":"tools/list"})");
-        router->handleServerLine(R"({"jsonrpc":"2.0","id":)" + id + R"(,"result":{"tools":)" + toolsJson + "}}");
-    }
+struct Bridge {
     void call(const std::string& id, const std::string& tool, const std::string& paramsExtra = "") {
         router->handleClientLine(R"({"jsonrpc":"2.0","id":)" + id + R"(,"method":"tools/call","params":{"name":")" +
                                  tool + "\"" + paramsExtra + "}}");
@@ -148,8 +102,7 @@ protected:
         return gateway->queries.back();
     }
 
-    Sink client;
-    Sink server;
+    Sink client, server;
     std::shared_ptr<FakeGateway> gateway = std::make_shared<FakeGateway>();
     std::shared_ptr<FakeScheduler> scheduler = std::make_shared<FakeScheduler>();
     std::shared_ptr<MCPBridgeRouter> router = std::make_shared<MCPBridgeRouter>(
@@ -157,215 +110,75 @@ protected:
         server.operation(), gateway, scheduler);
 };
 
+class MCPBridgeRouterTests : public ::testing::Test, protected Bridge {};
+
 } // namespace
 
-TEST_F(MCPBridgeRouterTests, RelaysUnreadableServerLinesButOnlyWholeClientMessages) {
-    const Lines lines = {
-        "server log line, not JSON\r",
-        R"([{"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"x"}}])",
-        "42",
-        R"({"method":"tools/call", "id":1)",
-        "{ \"params\" : {\"b\":\"a\\/b\\u00e9\\n\"}, \"method\":\"ping\" ,\"id\":\"x\", \"extra\":null }\r",
-        R"({"jsonrpc":"2.0","Id":9,"method":"tools/call","params":{"name":"x"}})", // a Go server would run it
-        R"({"jsonrpc":"2.0","Method":"tools/call","params":{"name":"x"}})",        // nobody to answer
-    };
-    Lines expected;
-    for (const std::string& line : lines) {
-        router->handleClientLine(line);
-        router->handleServerLine(line);
-        expected.push_back(line + "\n");
+// cases/router.txt: scenarios of lines in and, in order, what must come out.
+TEST(MCPBridgeRouterScriptTests, EveryScenarioWritesWhatItLists) {
+    std::unique_ptr<Bridge> b;
+    std::size_t toClient = 0, toServer = 0, logged = 0;
+    const auto next = [](Sink& sink, std::size_t& seen) { Lines w = sink.all(); return seen < w.size() ? w[seen++] : "<nothing>\n"; };
+    const auto done = [&] { EXPECT_TRUE(!b || b->client.all().size() + b->server.all().size() == toClient + toServer) << "writes not listed"; };
+    for (const auto& row : test::caseRows("router.txt")) {
+        const std::string& op = row[0];
+        std::string got, want = row.back(); // rows that check something set got
+        if (op == "=") done(), b = std::make_unique<Bridge>(), toClient = toServer = logged = 0;
+        if (op == "c" || op == "c>") b->router->handleClientLine(row[1]);
+        if (op == "s" || op == "s>") b->router->handleServerLine(row[1]);
+        if (op == "c>" || op == ">s") got = next(b->server, toServer), want += "\n";
+        if (op == "s>" || op == ">c") got = next(b->client, toClient), want += "\n";
+        if (op == "deny") b->gateway->decisions.push_back(BridgeDecision::deny(row[1]));
+        if (op == "hold") b->gateway->holdDecisions = true;
+        if (op == "decide") {
+            ASSERT_LT(std::stoul(row[1]), b->gateway->held.size());
+            b->gateway->decide(std::stoul(row[1]), row[2] == "allow" ? BridgeDecision::allow() : BridgeDecision::deny(row[2]));
+        }
+        if (op == "given-up") got = b->gateway->held.at(std::stoul(row[1])).first->cancelled && b->scheduler->allCancelled() ? row[1] : "running";
+        if (op == "beats") b->gateway->whileDeciding = [&b, n = std::stoi(row[1])] { for (int i = 0; i < n; ++i) b->scheduler->fireLive(); };
+        if (op == "q") {
+            const BridgeToolCallQuery query = b->queryFor(row[1]);
+            next(b->server, toServer); // the allowed call
+            got = (query.pinHash.empty() ? "-" : query.pinHash) + (query.pinChanged ? " from " + query.previousPinHash.value_or("-") : "");
+        }
+        if (op == "body") got = [query = b->gateway->queries.back()]() mutable { return query.requestID = "-", query.httpBody(); }();
+        if (op == "log") while (logged < b->gateway->log.size()) got += (got.empty() ? "" : " ") + b->gateway->log[logged++];
+        EXPECT_EQ(got.empty() && op != "log" ? want : got, want) << op << " " << row[1];
     }
-    // From the client only the one whole message goes on; the calls with an id are answered.
-    expected.insert(expected.begin() + 1, malformedDeny(Json::integer(1)));
-    expected.insert(expected.begin() + 6, malformedDeny(Json::integer(9)));
-    EXPECT_EQ(server.all(), Lines{lines[4] + "\n"});
-    EXPECT_EQ(client.all(), expected);
-    EXPECT_TRUE(gateway->queries.empty());
+    done();
 }
 
-TEST_F(MCPBridgeRouterTests, CapturesToolListsBeforeTheAnswerIsWrittenAndMatchesIdsByKind) {
+TEST_F(MCPBridgeRouterTests, PinsImagesAndHeartbeatsAreDoneWithBeforeTheAnswerIsWritten) {
     const std::string tool = R"({"name":"echo","annotations":{"readOnlyHint":true,"destructiveHint":false}})";
     std::optional<BridgeToolCallQuery> atWrite;
-    client.hook = [&](std::string_view) {
-        client.hook = nullptr;
-        atWrite = queryFor("echo");
-    };
-    list("5", "[" + tool + "]");
+    client.hook = [&](std::string_view) { client.hook = nullptr, atWrite = queryFor("echo"); };
+    router->handleClientLine(R"({"jsonrpc":"2.0","id":5,"method":"tools/list"})");
+    router->handleServerLine(R"({"jsonrpc":"2.0","id":5,"result":{"tools":[)" + tool + "]}}");
     ASSERT_TRUE(atWrite.has_value());
-    EXPECT_EQ(atWrite->pinHash, MCPWire::pinHash(parsed(tool))) << "pins must be in place when the client sees the list";
+    EXPECT_EQ(atWrite->pinHash, MCPWire::pinHash(parseJson(tool).value_or(Json()))) << "pins must be in place when the client sees the list";
     EXPECT_EQ(atWrite->risk, BridgeRisk::safe);
-
-    // The key is gone: a second answer with id 5 captures nothing.
-    router->handleServerLine(R"({"jsonrpc":"2.0","id":5,"result":{"tools":[{"name":"late"}]}})");
-    EXPECT_EQ(queryFor("late").pinHash, "");
-    // {request id, answer id, captured?}: an answer counts under every id the client takes for its
-    // request (clients match by Number(id)); 1.0 is 1; null matches nothing.
-    const std::vector<std::tuple<std::string, std::string, bool>> pairs = {
-        {R"("7")", "7", false}, {"8", R"("8")", true}, {R"("9")", R"("9")", true},
-        {"1.0", "1", true},     {"null", "null", false}, {"12", R"(" 1.2e1")", true}, {"13", R"("13x")", false},
-    };
-    int index = 0;
-    for (const auto& [asked, answered, captured] : pairs) {
-        const std::string name = "tool" + std::to_string(++index);
-        router->handleClientLine(R"({"jsonrpc":"2.0","id":)" + asked + R"(,"method":"tools/list"})");
-        router->handleServerLine(R"({"jsonrpc":"2.0","id":)" + answered + R"(,"result":{"tools":[{"name":")" + name +
-                                 R"("}]}})");
-        EXPECT_EQ(queryFor(name).pinHash.empty(), !captured) << asked << " / " << answered;
-    }
-    // A schema of any depth gets a real pin; a list with a non-object captures nothing.
-    list("11", R"([{"name":"deep","inputSchema":)" + std::string(600, '[') + std::string(600, ']') + "}]");
-    EXPECT_EQ(queryFor("deep").pinHash.size(), 64u);
-    list("10", R"([{"name":"mixed"},"x"])");
-    EXPECT_EQ(queryFor("mixed").pinHash, "");
-    // Entries without a string name are skipped; of two with one name, the later one counts.
-    list("14", R"([{},{"name":3},{"name":"dup","annotations":{"readOnlyHint":true,"destructiveHint":false}},)"
-               R"({"name":"dup","description":"second"}])");
-    EXPECT_EQ(queryFor("dup").pinHash, MCPWire::pinHash(parsed(R"({"name":"dup","description":"second"})")));
-    EXPECT_EQ(queryFor("3").pinHash, "");
-
-    // A notification with a pending id is relayed and leaves that id alone; a server-to-client
-    // request with a pending id takes the key like an answer would.
-    router->handleClientLine(R"({"jsonrpc":"2.0","id":3,"method":"tools/list"})");
-    const std::string changed = R"({"jsonrpc":"2.0","method":"notifications/tools/list_changed","id":3})";
-    router->handleServerLine(changed);
-    EXPECT_EQ(client.all().back(), changed + "\n");
-    router->handleServerLine(R"({"jsonrpc":"2.0","id":3,"result":{"tools":[{"name":"kept"}]}})");
-    EXPECT_EQ(queryFor("kept").pinHash.size(), 64u);
-    router->handleClientLine(R"({"jsonrpc":"2.0","id":4,"method":"tools/list"})");
-    router->handleServerLine(R"({"jsonrpc":"2.0","id":4,"method":"sampling/createMessage","params":{}})");
-    router->handleServerLine(R"({"jsonrpc":"2.0","id":4,"result":{"tools":[{"name":"tooLate"}]}})");
-    EXPECT_EQ(queryFor("tooLate").pinHash, "");
-}
-
-TEST_F(MCPBridgeRouterTests, ForwardedAnswersReportTheirFirstImageBeforeTheyAreWritten) {
+    // An answer's image is reported before the answer is written.
     call("11", "shot");
-    std::size_t eventsAtWrite = 0;
-    client.hook = [&](std::string_view) { eventsAtWrite = gateway->events.size(); };
-    const std::string answer =
-        R"({"jsonrpc":"2.0","id":11,"result":{"content":[{"type":"image","data":"QUJD","mimeType":"image/jpeg"}]}})";
+    std::string loggedAtWrite;
+    client.hook = [&](std::string_view) { loggedAtWrite = gateway->log.back(); };
+    const std::string answer = R"({"jsonrpc":"2.0","id":11,"result":{"content":[{"type":"image","data":"QUJD","mimeType":"image/jpeg"}]}})";
     router->handleServerLine(answer);
-    EXPECT_EQ(eventsAtWrite, 1u);
-    EXPECT_EQ(client.all(), Lines{answer + "\n"});
-    EXPECT_EQ(gateway->events, std::vector<BridgeEvent>{BridgeEvent::screenshot("worker-7", "QUJD", "image/jpeg")});
-    // The key is used up; an id that was never forwarded reports nothing either.
-    router->handleServerLine(answer);
-    router->handleServerLine(R"({"jsonrpc":"2.0","id":12,"result":{"content":[{"type":"image","data":"QUJD"}]}})");
-    EXPECT_EQ(gateway->events.size(), 1u);
-}
-
-TEST_F(MCPBridgeRouterTests, QueriesCarryIdentityAndCanonicalArgumentsAndDeniesExplainThemselves) {
-    for (const char* arguments : {"", R"(,"arguments":{})"}) call("2", "fetch", arguments);
-    ASSERT_EQ(gateway->queries.size(), 2u);
-    const BridgeToolCallQuery& q = gateway->queries[0];
-    EXPECT_EQ(q.argumentsJSON + gateway->queries[1].argumentsJSON, "{}{}");
-    EXPECT_EQ(q.workerName, "worker-7");
-    EXPECT_FALSE(q.provider.has_value());
-    EXPECT_EQ(q.serverCommand, "npx -y some-server");
-    EXPECT_EQ(q.risk, BridgeRisk::caution);
-    EXPECT_EQ(q.pinHash, "");
-    EXPECT_FALSE(q.pinChanged);
-    EXPECT_NE(gateway->queries[0].requestID, gateway->queries[1].requestID);
-    EXPECT_EQ(MCPBridgeRouter::denyMessage("read_file", "", false),
-              "Denied by Sentrova policy: read_file was not approved. Do not retry this exact call; ask the user or "
-              "choose a different action.");
-    EXPECT_EQ(MCPBridgeRouter::denyMessage("rm", "Denied by Sentrova policy.", true),
-              "Denied by Sentrova (tool-pin violation): rm changed since it was last approved \xE2\x80\x94 Denied by "
-              "Sentrova policy.. Do not retry this exact call; ask the user or choose a different action.");
-}
-
-TEST_F(MCPBridgeRouterTests, PinViolationsAreReportedBeforeTheQueryUntilAnApprovalMovesThePin) {
-    const std::string v1 = R"({"name":"rm","description":"remove one file"})";
-    const std::string v2 = R"({"name":"rm","description":"remove every file"})";
-    const std::string h1 = MCPWire::pinHash(parsed(v1));
-    const std::string h2 = MCPWire::pinHash(parsed(v2));
-    list("1", "[" + v1 + "]");
-    call("2", "rm"); // allowed: h1 approved
-    list("3", "[" + v2 + "]");
-
-    gateway->decisions = {BridgeDecision::deny("no")};
-    call("4", "rm");
-    EXPECT_EQ(gateway->events, std::vector<BridgeEvent>{BridgeEvent::pinViolation("worker-7", "rm", h1, h2)});
-    EXPECT_EQ(gateway->log, (Lines{"query:rm", "pinViolation", "query:rm"}));
-    EXPECT_EQ(client.all().back(),
-              MCPWire::denyResult(Json::integer(4), MCPBridgeRouter::denyMessage("rm", "no", true)) + "\n");
-    EXPECT_EQ(server.all().size(), 3u) << "two lists and one call; a denied call never reaches the server";
-
-    // The deny moved nothing: the next call is still a change from h1; this one is allowed.
-    call("5", "rm");
-    EXPECT_TRUE(gateway->queries.back().pinChanged);
-    EXPECT_EQ(gateway->queries.back().previousPinHash, std::optional<std::string>(h1));
-    EXPECT_EQ(gateway->queries.back().pinHash, h2);
-    EXPECT_EQ(gateway->events.size(), 2u);
-    call("6", "rm");
-    EXPECT_FALSE(gateway->queries.back().pinChanged);
-    EXPECT_EQ(gateway->events.size(), 2u);
-}
-
-TEST_F(MCPBridgeRouterTests, HeartbeatsEchoTheTokenAndCountFromOnePerCall) {
+    EXPECT_EQ(loggedAtWrite, BridgeEvent::screenshot("worker-7", "QUJD", "image/jpeg").httpBody());
+    EXPECT_EQ(client.all().back(), answer + "\n");
+    // A call's heartbeat is armed before the query and stopped before the answer is written.
     std::size_t timersAtQuery = 0;
-    gateway->whileDeciding = [&] {
-        timersAtQuery = scheduler->timers.size();
-        scheduler->fireLive();
-        scheduler->fireLive();
-    };
+    gateway->whileDeciding = [&] { timersAtQuery = scheduler->timers.size(); };
     bool cancelledBeforeAnswer = false;
-    client.hook = [&](std::string_view bytes) {
-        if (bytes.find("\"result\"") != std::string_view::npos) cancelledBeforeAnswer = scheduler->allCancelled();
-    };
+    client.hook = [&](std::string_view) { cancelledBeforeAnswer = scheduler->allCancelled(); };
     gateway->decisions = {BridgeDecision::deny("slow")};
     call("1", "t", R"(,"_meta":{"progressToken":"abc"})");
-    EXPECT_EQ(timersAtQuery, 1u);
-    EXPECT_TRUE(cancelledBeforeAnswer);
-    EXPECT_EQ(scheduler->timers.back().interval, 15.0);
-    call("2", "t", R"(,"_meta":{"progressToken":7})");
-    const Lines writes = client.all();
-    // The deny answers the first call; the allowed ones go to the server. Each call counts from 1.
-    ASSERT_EQ(writes.size(), 5u);
-    EXPECT_EQ(writes, (Lines{heartbeatLine(Json::string("abc"), 1), heartbeatLine(Json::string("abc"), 2),
-                             writes[2], heartbeatLine(Json::integer(7), 1), heartbeatLine(Json::integer(7), 2)}));
-    EXPECT_NE(writes[0].find(R"("progress":1,"progressToken":"abc"}})"), std::string::npos);
-    EXPECT_TRUE(scheduler->allCancelled());
-
-    // Unusable tokens arm nothing.
-    for (const char* meta : {R"(,"_meta":{"progressToken":null})", R"(,"_meta":{"progressToken":{}})", R"(,"_meta":{"progressToken":true})",
-                             R"(,"_meta":{"progressToken":[1]})", R"(,"_meta":{})", R"(,"_meta":"abc")", ""}) {
-        call("4", "t", meta);
-    }
-    EXPECT_EQ(scheduler->timers.size(), 2u);
-    EXPECT_EQ(client.all().size(), 5u);
+    EXPECT_TRUE(timersAtQuery == 1 && cancelledBeforeAnswer);
+    EXPECT_EQ(std::get<0>(scheduler->timers.back()), 15.0);
 }
 
-TEST_F(MCPBridgeRouterTests, PendingDecisionsHoldNothingBackAndCancelledCallsNeverRun) {
+TEST_F(MCPBridgeRouterTests, AtMostMaxPendingDecisionsWaitAndTheEndOfInputWaitsForThemAll) {
     gateway->holdDecisions = true;
-    const std::string first = R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"slow","_meta":{"progressToken":"p"}}})";
-    const std::string second = R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"fast"}})";
-    const std::string ping = R"({"jsonrpc":"2.0","id":3,"method":"ping"})";
-    router->handleClientLine(first);
-    router->handleClientLine(second);
-    router->handleClientLine(ping);
-    EXPECT_EQ(server.all(), Lines{ping + "\n"}) << "nothing waits behind a pending decision";
-    // A second call with a pending call's id is refused; the first goes on.
-    router->handleClientLine(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"again"}})");
-    EXPECT_EQ(client.all(), Lines{malformedDeny(Json::integer(1))});
-    ASSERT_EQ(gateway->held.size(), 2u);
-
-    gateway->decide(1, BridgeDecision::allow());
-    EXPECT_EQ(server.all(), (Lines{ping + "\n", second + "\n"})) << "the later verdict is not held back";
-
-    // The client gives up on call 1: its request and heartbeat stop, and no word of it goes out.
-    router->handleClientLine(R"({"jsonrpc":"2.0","method":"notifications/cancelled","params":{"requestId":1}})");
-    EXPECT_TRUE(gateway->held[0].handle->cancelled);
-    EXPECT_TRUE(scheduler->allCancelled());
-    gateway->decide(0, BridgeDecision::allow()); // a verdict already on its way
-    EXPECT_EQ(server.all().size(), 2u);
-    EXPECT_EQ(client.all().size(), 1u);
-    // A cancellation of a call the server has is the server's business.
-    const std::string cancelSecond = R"({"jsonrpc":"2.0","method":"notifications/cancelled","params":{"requestId":2}})";
-    router->handleClientLine(cancelSecond);
-    EXPECT_EQ(server.all().back(), cancelSecond + "\n");
-
-    // At most maxPendingDecisions wait at once; the next call waits for a slot, and the end of the
-    // client's input waits for every pending decision.
+    // The next call waits for a slot.
     for (std::size_t i = 0; i < MCPBridgeRouter::maxPendingDecisions; ++i) call(std::to_string(100 + i), "t");
     std::atomic<bool> started{false};
     std::thread pump([&] {
@@ -375,19 +188,16 @@ TEST_F(MCPBridgeRouterTests, PendingDecisionsHoldNothingBackAndCancelledCallsNev
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_FALSE(started);
-    gateway->decide(2, BridgeDecision::deny("no"));
-    while (gateway->heldCount() <= 2 + MCPBridgeRouter::maxPendingDecisions) std::this_thread::yield();
-    for (std::size_t i = 3; i <= 2 + MCPBridgeRouter::maxPendingDecisions; ++i) {
-        gateway->decide(i, BridgeDecision::allow());
-    }
+    gateway->decide(0, BridgeDecision::deny("no"));
+    while (locked(gateway->lock, [&] { return gateway->held.size(); }) <= MCPBridgeRouter::maxPendingDecisions) std::this_thread::yield();
+    for (std::size_t i = 1; i <= MCPBridgeRouter::maxPendingDecisions; ++i) gateway->decide(i, BridgeDecision::allow());
     pump.join();
-    EXPECT_EQ(server.all().size(), 3u + MCPBridgeRouter::maxPendingDecisions);
+    EXPECT_EQ(server.all().size(), MCPBridgeRouter::maxPendingDecisions);
 }
 
 TEST(RequestUUIDTests, VersionAndVariantBitsAreSet) {
-    std::array<std::uint8_t, 16> ones{};
-    ones.fill(0xFF);
-    EXPECT_EQ(formatUUIDv4(ones), "FFFFFFFF-FFFF-4FFF-BFFF-FFFFFFFFFFFF");
+    EXPECT_EQ(formatUUIDv4(std::array<std::uint8_t, 16>{255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255}),
+              "FFFFFFFF-FFFF-4FFF-BFFF-FFFFFFFFFFFF");
     EXPECT_EQ(formatUUIDv4({}), "00000000-0000-4000-8000-000000000000");
     EXPECT_NE(makeRequestUUID(), makeRequestUUID());
 }

@@ -1,8 +1,14 @@
-// What several unit test files share: polling, case tables read from tests/unit/cases, and the
-// dev gateway embedded as a working gateway on 127.0.0.1.
+// What several unit test files share: polling, case tables read from tests/unit/cases, loopback
+// sockets, and the dev gateway embedded as a working gateway on 127.0.0.1.
 #pragma once
 
 #include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -74,19 +80,41 @@ inline std::vector<std::string> words(const std::string& field) {
     return out;
 }
 
+// A TCP socket on 127.0.0.1: connected to a port, or (port 0) listening on a free one, set here.
+inline int loopbackSocket(int& port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* raw = reinterpret_cast<sockaddr*>(&address);
+    if (port != 0) return ::connect(fd, raw, length) == 0 ? fd : (::close(fd), -1);
+    ::bind(fd, raw, length), ::listen(fd, 64), ::getsockname(fd, raw, &length);
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
+// The length of the first whole HTTP message (head and Content-Length body) in text; 0 if none yet.
+inline std::size_t wholeMessage(const std::string& text) {
+    const std::size_t end = text.find("\r\n\r\n"), field = text.find("Content-Length: ");
+    if (end == std::string::npos) return 0;
+    const std::size_t total = end + 4 + (field < end ? std::stoul(text.substr(field + 16)) : 0);
+    return text.size() >= total ? total : 0;
+}
+
 inline std::string temporaryDirectory() {
     std::string pattern = (std::filesystem::temp_directory_path() / "sentrova-unit-XXXXXX").string();
     return ::mkdtemp(pattern.data()) != nullptr ? pattern : std::string();
 }
 
 // The project's dev gateway serving a policy on 127.0.0.1, its audit log and pin state in a
-// directory (a fresh one, or the one of an earlier run).
+// directory: a fresh one, removed at the end, or one given (kept, as for a later run).
 class LoopbackGateway {
 public:
     static constexpr const char* token = "s3cret-token";
-    explicit LoopbackGateway(const std::string& policyText, std::string directory = temporaryDirectory(),
-                             std::string logPath = {})
-        : directory_(std::move(directory)) {
+    explicit LoopbackGateway(const std::string& policyText, std::string directory = {}, std::string logPath = {})
+        : directory_(directory.empty() ? temporaryDirectory() : directory), keep_(!directory.empty()) {
         auto policy = DevGatewayPolicy::parse(policyText, "inline");
         auto log = DevGatewayAuditLog::open(logPath.empty() ? (directory_ / "audit.jsonl").string() : logPath, 64);
         auto pins = DevGatewayPinStore::load((directory_ / "state.json").string());
@@ -105,8 +133,6 @@ public:
     }
     int port() const { return port_; }
     std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
-    const std::filesystem::path& directory() const { return directory_; }
-    void keepDirectory() { keep_ = true; }
     std::vector<Json> auditRecords() const {
         std::ifstream file(directory_ / "audit.jsonl");
         std::vector<Json> records;
@@ -116,7 +142,7 @@ public:
 
 private:
     std::filesystem::path directory_;
-    bool keep_ = false;
+    bool keep_;
     std::unique_ptr<DevGatewayServer> server_;
     int port_ = 0;
     std::thread serving_;
