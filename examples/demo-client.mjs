@@ -5,7 +5,7 @@
 import fs from 'node:fs';
 import { parseArgs } from 'node:util';
 
-import { connect, everythingServer, waitFor } from './harness.mjs';
+import { connect, everythingServer, waitFor } from '../tests/interop/harness.mjs';
 
 const text = { type: 'string' };
 const { values: options } = parseArgs({ options: { bridge: text, gateway: text, 'audit-log': text, heartbeat: { ...text, default: '0.5' } } });
