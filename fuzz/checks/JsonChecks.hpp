@@ -46,13 +46,13 @@ inline bool isStrictCompact(std::string_view t, bool escapeSlash) {
 }
 
 inline bool holdsNonFinite(const Json& root) {
-    std::vector<const Json*> stack{&root};
+    std::vector<Json> stack{root};
     while (!stack.empty()) {
-        const Json* v = stack.back();
+        const Json v = std::move(stack.back());
         stack.pop_back();
-        if (v->type() == Json::Type::real && !std::isfinite(v->realValue())) return true;
-        if (v->isArray()) for (const auto& e : v->arrayValue()) stack.push_back(&e);
-        if (v->isObject()) for (const auto& m : v->objectValue()) stack.push_back(&m.value);
+        if (v.type() == Json::Type::real && !std::isfinite(v.realValue())) return true;
+        for (const Json& e : v.arrayValue()) stack.push_back(e);
+        for (const auto& m : v.objectValue()) stack.push_back(m.value);
     }
     return false;
 }

@@ -65,23 +65,23 @@ inline std::string goFold(std::string_view key) {
 inline void findCalls(std::string_view text, bool& call, bool& callWithID) {
     const std::optional<Json> value = parseJson(text);
     if (!value) return;
-    std::vector<const Json*> messages{&*value};
-    if (value->isArray()) for (const auto& e : value->arrayValue()) messages.push_back(&e);
-    for (const Json* message : messages) {
-        if (!message->isObject()) continue;
+    std::vector<Json> messages{*value};
+    if (value->isArray()) for (const Json& e : value->arrayValue()) messages.push_back(e);
+    for (const Json& message : messages) {
+        if (!message.isObject()) continue;
         for (const bool fold : {false, true}) {
             for (const bool firstWins : {false, true}) {
                 const auto member = [&](std::string_view name) {
-                    const Json* found = nullptr;
-                    for (const auto& m : message->objectValue()) {
-                        if ((fold ? goFold(m.key) == goFold(name) : m.key == name) && !(found && firstWins)) found = &m.value;
+                    std::optional<Json> found;
+                    for (const auto& m : message.objectValue()) {
+                        if ((fold ? goFold(m.key) == goFold(name) : m.key == name) && !(found && firstWins)) found = m.value;
                     }
                     return found;
                 };
-                const Json* method = member("method");
+                const std::optional<Json> method = member("method");
                 if (!method || !method->isString() || method->stringValue() != "tools/call") continue;
                 call = true;
-                callWithID = callWithID || member("id");
+                callWithID = callWithID || member("id").has_value();
             }
         }
     }
@@ -100,8 +100,8 @@ inline std::string checkClientLine(const std::string& line, const std::vector<Re
         const std::optional<Json> sent = w.toServer ? Json::object({}) : parseJson(w.bytes);
         if (!sent || !sent->isObject()) return "the bridge wrote the client something unreadable";
         answers += sent->find("result") || sent->find("error");
-        results += sent->find("result") != nullptr;
-        heartbeats += sent->find("method") != nullptr;
+        results += sent->find("result").has_value();
+        heartbeats += sent->find("method").has_value();
     }
     if (toServer > 1 || asked > 1) return "one client line relayed or put to the gateway twice";
     const bool relayed = toServer == 1;
@@ -127,9 +127,9 @@ inline std::string checkClientLine(const std::string& line, const std::vector<Re
     const ClientLineReadings::Answer reading = ClientLineReadings::read(line);
     if (!reading.message && (relayed || asked)) return "a refused line reached the server or the gateway";
     if (!reading.message && answers != reading.refused.size()) return "a refused line's requests were not answered once per id";
-    const Json* params = object && object->isObject() ? object->find("params") : nullptr;
-    const Json* meta = params && params->isObject() ? params->find("_meta") : nullptr;
-    const Json* token = meta && meta->isObject() ? meta->find("progressToken") : nullptr;
+    const std::optional<Json> params = object ? object->find("params") : std::nullopt;
+    const std::optional<Json> meta = params ? params->find("_meta") : std::nullopt;
+    const std::optional<Json> token = meta ? meta->find("progressToken") : std::nullopt;
     if (asked && token && (token->isString() || token->isNumber()) && !heartbeats) return "a call waiting on the gateway got no heartbeat";
     return {};
 }

@@ -17,7 +17,7 @@ bool isToolCallValue(const Json& value) noexcept { return value.isString() && va
 
 // name is target, or another spelling of it under Go's folding (targetFolded is foldedName(target)).
 enum class Spelling { other, exact, variant };
-Spelling spellingOf(const std::string& name, std::string_view target, const std::string& targetFolded) {
+Spelling spellingOf(std::string_view name, std::string_view target, const std::string& targetFolded) {
     if (name == target) return Spelling::exact;
     // Every variant of these ASCII names is at most three bytes per letter long.
     if (name.size() < target.size() || name.size() > 3 * target.size()) return Spelling::other;
@@ -49,10 +49,10 @@ const std::array<Name, 6>& names() {
 enum NameIndex { kMethod, kId, kParams, kName, kArguments, kMeta };
 
 // Whether one of names()[first..last] is repeated or spelled in another case among members.
-bool anyUnclear(const Json::Object& members, int first, int last) {
+bool anyUnclear(const JsonObjectView& members, int first, int last) {
     for (int i = first; i <= last; ++i) {
         int exact = 0;
-        for (const JsonMember& member : members) {
+        for (const JsonMemberView member : members) {
             switch (spellingOf(member.key, names()[i].plain, names()[i].folded)) {
             case Spelling::exact:
                 if (++exact > 1) return true;
@@ -68,9 +68,9 @@ bool anyUnclear(const Json::Object& members, int first, int last) {
 // A tool call that readers could take in different ways: the members that decide routing or the
 // called tool are repeated or spelled in another case.
 bool ambiguousCall(const Json& message) {
-    const Json::Object& members = message.objectValue();
+    const JsonObjectView members = message.objectValue();
     if (anyUnclear(members, kMethod, kParams)) return true;
-    for (const JsonMember& member : members) {
+    for (const JsonMemberView member : members) {
         if (member.value.isObject() && spellingOf(member.key, "params", names()[kParams].folded) != Spelling::other &&
             anyUnclear(member.value.objectValue(), kName, kMeta)) {
             return true;
@@ -95,28 +95,28 @@ public:
 private:
     void addMessage(const Json& message) {
         if (!message.isObject()) return;
-        const Json* method = nullptr;
-        const Json* exactId = nullptr;
-        const Json* variantId = nullptr;
+        bool hasMethod = false;
+        std::optional<Json> exactId;
+        std::optional<Json> variantId;
         bool toolCall = false;
-        for (const JsonMember& member : message.objectValue()) {
+        for (const JsonMemberView member : message.objectValue()) {
             if (member.value.isString() && spellingOf(member.key, "method", names()[kMethod].folded) != Spelling::other) {
-                method = &member.value;
+                hasMethod = true;
                 toolCall = toolCall || isToolCallValue(member.value);
             } else {
                 const Spelling spelling = spellingOf(member.key, "id", names()[kId].folded);
-                if (spelling == Spelling::exact) exactId = &member.value;
-                if (spelling == Spelling::variant) variantId = &member.value;
+                if (spelling == Spelling::exact) exactId = member.value;
+                if (spelling == Spelling::variant) variantId = member.value;
             }
         }
         sawToolCall_ = sawToolCall_ || toolCall;
-        const Json* id = exactId != nullptr ? exactId : variantId;
-        if (method == nullptr || id == nullptr) return; // not a request, or nobody to answer
+        const std::optional<Json>& id = exactId ? exactId : variantId;
+        if (!hasMethod || !id) return; // not a request, or nobody to answer
         // Several readings may find the same request: answer it once. An id that cannot be
         // written back (NaN) cannot be answered.
         std::optional<std::string> text = writeJson(*id, JsonWriteOptions{.verbatimNumbers = true});
         if (!text || !answered_.insert(std::move(*text)).second) return;
-        found_.push_back({*id, toolCall});
+        found_.push_back({id->standalone(), toolCall});
     }
 
     std::vector<FoundRequest>& found_;
@@ -263,7 +263,7 @@ bool batchCallsTool(const Json& batch) {
 
 bool callsTool(const Json& message) {
     if (!message.isObject()) return false;
-    for (const JsonMember& member : message.objectValue()) {
+    for (const JsonMemberView member : message.objectValue()) {
         // The value first: almost no member says "tools/call".
         if (isToolCallValue(member.value) && spellingOf(member.key, "method", names()[kMethod].folded) != Spelling::other) {
             return true;

@@ -1,346 +1,286 @@
 #include "MCPBridgeCore/Json.hpp"
 
+#include <bit>
 #include <charconv>
 #include <clocale>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
 #include <locale.h>
-#include <memory>
-#include <vector>
 
 namespace sentrova {
 
 namespace {
-double literalValue(std::string_view text) noexcept;
+
+bool isStringLike(JsonTag tag) noexcept {
+    return tag == JsonTag::string || tag == JsonTag::longString || tag == JsonTag::numberText ||
+           tag == JsonTag::longNumberText;
+}
+
+// Appends a copy of the value at `at` in `from` to `to`: container ends move with the new
+// position, string bytes are copied into to's store.
+void appendCopy(JsonDocument& to, const JsonDocument& from, std::size_t at) {
+    const std::size_t end = from.next(at);
+    const std::size_t base = to.tape.size();
+    to.tape.reserve(base + (end - at));
+    for (std::size_t i = at; i < end; ++i) {
+        const std::uint64_t w = from.tape[i];
+        const JsonTag tag = JsonDocument::tag(w);
+        if (tag == JsonTag::array || tag == JsonTag::object) {
+            to.tape.push_back(JsonDocument::word(tag, JsonDocument::fieldA(w) - at + base, JsonDocument::fieldB(w)));
+        } else if (isStringLike(tag)) {
+            const std::string_view text = from.text(i);
+            const std::size_t offset = to.strings.size();
+            to.strings.append(text);
+            to.addText(tag == JsonTag::string || tag == JsonTag::longString ? JsonTag::string : JsonTag::numberText,
+                       offset, text.size());
+            if (JsonDocument::hasSecondWord(tag)) ++i;
+        } else {
+            to.tape.push_back(w);
+            if (JsonDocument::hasSecondWord(tag)) to.tape.push_back(from.tape[++i]);
+        }
+    }
+}
+
+void appendValue(JsonDocument& to, const Json& value) {
+    if (value.document() == nullptr) {
+        to.tape.push_back(JsonDocument::word(JsonTag::null, 0, 0));
+    } else {
+        appendCopy(to, *value.document(), value.position());
+    }
+}
+
+Json scalar(std::uint64_t word, std::optional<std::uint64_t> second = std::nullopt) {
+    auto doc = std::make_shared<JsonDocument>();
+    doc->tape.push_back(word);
+    if (second) doc->tape.push_back(*second);
+    return Json(std::move(doc), 0);
+}
+
+// A container word that says where its contents end, once they are all in.
+void closeContainer(JsonDocument& doc, std::size_t at, std::size_t count) {
+    doc.tape[at] = JsonDocument::word(JsonDocument::tag(doc.tape[at]), doc.tape.size(),
+                                      std::min<std::size_t>(count, kJsonCountSaturated));
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------------------------
-// Whole-tree operations. A line may nest a million levels deep, so copying, destroying and
-// comparing never recurse without bound: copying and comparing walk the tree with explicit work
-// lists; destroying recurses only a few levels (the usual message) and hands anything deeper
-// to a work list.
+// The document
 
-class JsonTreeOps {
-public:
-    using CopyTask = std::pair<const Json*, Json*>;
+std::size_t JsonDocument::count(std::size_t at) const noexcept {
+    const std::uint64_t w = tape[at];
+    if (fieldB(w) != kJsonCountSaturated) return fieldB(w);
+    const bool isObject = tag(w) == JsonTag::object;
+    std::size_t count = 0;
+    for (std::size_t i = at + 1; i < fieldA(w); i = next(isObject ? i + 1 : i)) ++count;
+    return count;
+}
 
-    static bool isContainer(const Json& value) noexcept {
-        return value.type_ == Json::Type::array || value.type_ == Json::Type::object;
+void JsonDocument::addText(JsonTag shortTag, std::size_t offset, std::size_t size) {
+    if (size < kJsonCountSaturated) {
+        tape.push_back(word(shortTag, offset, size));
+        return;
     }
+    tape.push_back(word(shortTag == JsonTag::string ? JsonTag::longString : JsonTag::longNumberText, offset, 0));
+    tape.push_back(size);
+}
 
-    // Copies one node; a container gets null slots that the caller fills from the work list.
-    static void copyNode(const Json& source, Json& target, std::vector<CopyTask>& pending) {
-        switch (source.type_) {
-        case Json::Type::string:
-        case Json::Type::numberText:
-            new (&target.s_) std::string(source.s_);
-            target.type_ = source.type_;
-            return;
-        case Json::Type::array:
-            new (&target.a_) Json::Array(source.a_.size());
-            target.type_ = Json::Type::array;
-            if (!source.a_.empty()) pending.emplace_back(&source, &target);
-            return;
-        case Json::Type::object:
-            new (&target.o_) Json::Object(source.o_.size());
-            target.type_ = Json::Type::object;
-            if (!source.o_.empty()) pending.emplace_back(&source, &target);
-            return;
-        default:
-            target.u_ = source.u_;
-            target.type_ = source.type_;
-            return;
-        }
-    }
+JsonArrayView::JsonArrayView(std::shared_ptr<const JsonDocument> doc, std::size_t at)
+    : doc_(std::move(doc)), begin_(at + 1), end_(doc_->next(at)), size_(doc_->count(at)) {}
 
-    // target must be null on entry.
-    static void copyTree(const Json& source, Json& target) {
-        if (!isContainer(source)) {
-            std::vector<CopyTask> none;
-            copyNode(source, target, none);
-            return;
-        }
-        std::vector<CopyTask> pending;
-        copyNode(source, target, pending);
-        while (!pending.empty()) {
-            auto [from, to] = pending.back();
-            pending.pop_back();
-            if (from->type_ == Json::Type::array) {
-                const Json::Array& elements = from->a_;
-                Json::Array& copies = to->a_;
-                for (std::size_t i = 0; i < elements.size(); ++i) copyNode(elements[i], copies[i], pending);
-            } else {
-                const Json::Object& members = from->o_;
-                Json::Object& copies = to->o_;
-                for (std::size_t i = 0; i < members.size(); ++i) {
-                    copies[i].key = members[i].key;
-                    copyNode(members[i].value, copies[i].value, pending);
-                }
-            }
-        }
-    }
+Json JsonArrayView::operator[](std::size_t index) const {
+    std::size_t at = begin_;
+    for (; index > 0; --index) at = doc_->next(at);
+    return Json(doc_, at);
+}
 
-    // Frees whatever node holds and leaves it null. Containers nested up to depthLeft levels
-    // below node are freed by recursion, which needs no allocation; a deeper one goes to the
-    // iterative walk.
-    static void destroyValue(Json& node, unsigned depthLeft) noexcept {
-        if (node.type_ == Json::Type::array) {
-            if (depthLeft == 0) return destroyTree(node);
-            for (Json& element : node.a_) destroyChild(element, depthLeft - 1);
-        } else if (node.type_ == Json::Type::object) {
-            if (depthLeft == 0) return destroyTree(node);
-            for (JsonMember& member : node.o_) destroyChild(member.value, depthLeft - 1);
-        }
-        freeFlat(node);
-    }
-
-    // Empties a child before its container goes, so that the container's own destructor finds
-    // only nulls and scalars.
-    static void destroyChild(Json& child, unsigned depthLeft) noexcept {
-        if (child.type_ == Json::Type::string || child.type_ == Json::Type::numberText) {
-            std::destroy_at(&child.s_);
-            child.type_ = Json::Type::null;
-        } else if (isContainer(child)) {
-            destroyValue(child, depthLeft);
-        }
-    }
-
-    // Moves every container child of node onto the work list, leaving node flat.
-    static void detachContainers(Json& node, std::vector<Json>& pending) {
-        if (node.type_ == Json::Type::array) {
-            for (Json& element : node.a_) {
-                if (isContainer(element)) pending.push_back(std::move(element));
-            }
-        } else if (node.type_ == Json::Type::object) {
-            for (JsonMember& member : node.o_) {
-                if (isContainer(member.value)) pending.push_back(std::move(member.value));
-            }
-        }
-    }
-
-    // Frees a container of any depth. Each node popped from the work list is made flat before
-    // it is freed, so no destructor nests more than one level.
-    static void destroyTree(Json& root) noexcept {
-        std::vector<Json> pending;
-        detachContainers(root, pending);
-        freeFlat(root);
-        while (!pending.empty()) {
-            Json node = std::move(pending.back());
-            pending.pop_back();
-            detachContainers(node, pending);
-            freeFlat(node);
-        }
-    }
-
-    // Frees node, whose children hold no containers, and leaves it null.
-    static void freeFlat(Json& node) noexcept {
-        switch (node.type_) {
-        case Json::Type::string:
-        case Json::Type::numberText: std::destroy_at(&node.s_); break;
-        case Json::Type::array: std::destroy_at(&node.a_); break;
-        case Json::Type::object: std::destroy_at(&node.o_); break;
-        default: break;
-        }
-        node.type_ = Json::Type::null;
-        node.u_ = 0;
-    }
-
-    static bool sameScalar(const Json& a, const Json& b) noexcept {
-        if (a.type() == Json::Type::real) { // a literal and a double compare by value
-            const double x = a.realValue();
-            const double y = b.realValue();
-            return x == y || (std::isnan(x) && std::isnan(y));
-        }
-        switch (a.type_) {
-        case Json::Type::null: return true;
-        case Json::Type::boolean: return a.b_ == b.b_;
-        case Json::Type::integer: return a.i_ == b.i_;
-        case Json::Type::unsignedInteger: return a.u_ == b.u_;
-        case Json::Type::real: return a.d_ == b.d_ || (std::isnan(a.d_) && std::isnan(b.d_));
-        case Json::Type::string: return a.s_ == b.s_;
-        default: return false;
-        }
-    }
-
-    static bool equalTrees(const Json& a, const Json& b) {
-        if (a.type() != b.type()) return false;
-        if (!isContainer(a)) return sameScalar(a, b);
-        std::vector<std::pair<const Json*, const Json*>> pending{{&a, &b}};
-        while (!pending.empty()) {
-            auto [x, y] = pending.back();
-            pending.pop_back();
-            if (x->type() != y->type()) return false;
-            if (x->type_ == Json::Type::array) {
-                if (x->a_.size() != y->a_.size()) return false;
-                for (std::size_t i = 0; i < x->a_.size(); ++i) pending.emplace_back(&x->a_[i], &y->a_[i]);
-            } else if (x->type_ == Json::Type::object) {
-                if (x->o_.size() != y->o_.size()) return false;
-                for (std::size_t i = 0; i < x->o_.size(); ++i) {
-                    if (x->o_[i].key != y->o_[i].key) return false;
-                    pending.emplace_back(&x->o_[i].value, &y->o_[i].value);
-                }
-            } else if (!sameScalar(*x, *y)) {
-                return false;
-            }
-        }
-        return true;
-    }
-};
+JsonObjectView::JsonObjectView(std::shared_ptr<const JsonDocument> doc, std::size_t at)
+    : doc_(std::move(doc)), begin_(at + 1), end_(doc_->next(at)), size_(doc_->count(at)) {}
 
 // ---------------------------------------------------------------------------------------------
-// Value model
-
-namespace {
-// How many container levels destruction frees by recursion before it switches to a work list:
-// enough for any ordinary message, small enough to keep the stack shallow.
-constexpr unsigned kRecursiveDestroyDepth = 32;
-} // namespace
-
-Json::Json(const Json& other) : u_(0) {
-    try {
-        copyFrom(other);
-    } catch (...) { // a half-built copy is still a valid tree: free it, as no destructor will
-        destroy();
-        throw;
-    }
-}
-
-Json& Json::operator=(const Json& other) {
-    if (this != &other) {
-        Json copy(other); // other may live inside this tree
-        destroy();
-        moveFrom(std::move(copy));
-    }
-    return *this;
-}
-
-Json& Json::operator=(Json&& other) noexcept {
-    if (this != &other) {
-        Json taken(std::move(other)); // other may live inside this tree
-        destroy();
-        moveFrom(std::move(taken));
-    }
-    return *this;
-}
-
-void Json::destroy() noexcept { JsonTreeOps::destroyValue(*this, kRecursiveDestroyDepth); }
-
-void Json::copyFrom(const Json& other) { JsonTreeOps::copyTree(other, *this); }
+// Values
 
 Json Json::null() { return {}; }
-
-Json Json::boolean(bool value) {
-    Json json;
-    json.type_ = Type::boolean;
-    json.b_ = value;
-    return json;
-}
+Json Json::boolean(bool value) { return scalar(JsonDocument::word(value ? JsonTag::trueValue : JsonTag::falseValue, 0, 0)); }
 
 Json Json::integer(std::int64_t value) {
-    Json json;
-    json.type_ = Type::integer;
-    json.i_ = value;
-    return json;
+    if (JsonDocument::fitsSmall(value)) return scalar(JsonDocument::smallIntegerWord(value));
+    return scalar(JsonDocument::word(JsonTag::integer, 0, 0), static_cast<std::uint64_t>(value));
 }
 
-Json Json::unsignedInteger(std::uint64_t value) {
-    Json json;
-    json.type_ = Type::unsignedInteger;
-    json.u_ = value;
-    return json;
-}
+Json Json::unsignedInteger(std::uint64_t value) { return scalar(JsonDocument::word(JsonTag::unsignedInteger, 0, 0), value); }
+Json Json::real(double value) { return scalar(JsonDocument::word(JsonTag::real, 0, 0), std::bit_cast<std::uint64_t>(value)); }
 
-Json Json::real(double value) {
-    Json json;
-    json.type_ = Type::real;
-    json.d_ = value;
-    return json;
-}
-
-Json Json::string(std::string value) {
-    Json json;
-    new (&json.s_) std::string(std::move(value));
-    json.type_ = Type::string;
-    return json;
+Json Json::string(std::string_view value) {
+    auto doc = std::make_shared<JsonDocument>();
+    doc->strings.assign(value);
+    doc->addText(JsonTag::string, 0, value.size());
+    return Json(std::move(doc), 0);
 }
 
 Json Json::array() { return array(Array()); }
 
-Json Json::array(Array elements) {
-    Json json;
-    new (&json.a_) Array(std::move(elements));
-    json.type_ = Type::array;
-    return json;
+Json Json::array(const Array& elements) {
+    auto doc = std::make_shared<JsonDocument>();
+    doc->tape.push_back(JsonDocument::word(JsonTag::array, 0, 0));
+    for (const Json& element : elements) appendValue(*doc, element);
+    closeContainer(*doc, 0, elements.size());
+    return Json(std::move(doc), 0);
 }
 
 Json Json::object() { return object(Object()); }
 
-Json Json::object(Object members) {
-    Json json;
-    new (&json.o_) Object(std::move(members));
-    json.type_ = Type::object;
-    return json;
+Json Json::object(const Object& members) {
+    auto doc = std::make_shared<JsonDocument>();
+    doc->tape.push_back(JsonDocument::word(JsonTag::object, 0, 0));
+    for (const JsonMember& member : members) {
+        const std::size_t offset = doc->strings.size();
+        doc->strings.append(member.key);
+        doc->addText(JsonTag::string, offset, member.key.size());
+        appendValue(*doc, member.value);
+    }
+    closeContainer(*doc, 0, members.size());
+    return Json(std::move(doc), 0);
 }
 
-bool Json::isNumber() const noexcept { return type_ == Type::boolean || isNumberLiteral(); }
+Json Json::standalone() const {
+    if (!doc_ || (at_ == 0 && doc_->next(0) == doc_->tape.size())) return *this;
+    auto doc = std::make_shared<JsonDocument>();
+    appendCopy(*doc, *doc_, at_);
+    return Json(std::move(doc), 0);
+}
+
+Json::Type Json::type() const noexcept {
+    switch (tag()) {
+    case JsonTag::null: return Type::null;
+    case JsonTag::falseValue:
+    case JsonTag::trueValue: return Type::boolean;
+    case JsonTag::smallInteger:
+    case JsonTag::integer: return Type::integer;
+    case JsonTag::unsignedInteger: return Type::unsignedInteger;
+    case JsonTag::real:
+    case JsonTag::numberText:
+    case JsonTag::longNumberText: return Type::real;
+    case JsonTag::string:
+    case JsonTag::longString: return Type::string;
+    case JsonTag::array: return Type::array;
+    case JsonTag::object: return Type::object;
+    }
+    return Type::null;
+}
+
+bool Json::isNumber() const noexcept { return isBool() || isNumberLiteral(); }
 
 bool Json::isNumberLiteral() const noexcept {
-    return type_ == Type::integer || type_ == Type::unsignedInteger || type_ == Type::real || type_ == Type::numberText;
+    const Type t = type();
+    return t == Type::integer || t == Type::unsignedInteger || t == Type::real;
 }
 
-bool Json::boolValue() const noexcept { return type_ == Type::boolean && b_; }
-std::int64_t Json::intValue() const noexcept { return type_ == Type::integer ? i_ : 0; }
-std::uint64_t Json::uintValue() const noexcept { return type_ == Type::unsignedInteger ? u_ : 0; }
+bool Json::boolValue() const noexcept { return tag() == JsonTag::trueValue; }
+
+std::int64_t Json::intValue() const noexcept {
+    switch (tag()) {
+    case JsonTag::smallInteger: return JsonDocument::smallIntegerValue(word());
+    case JsonTag::integer: return static_cast<std::int64_t>(doc_->tape[at_ + 1]);
+    default: return 0;
+    }
+}
+
+std::uint64_t Json::uintValue() const noexcept { return tag() == JsonTag::unsignedInteger ? doc_->tape[at_ + 1] : 0; }
+
 double Json::realValue() const noexcept {
-    if (type_ == Type::numberText) return literalValue(s_);
-    return type_ == Type::real ? d_ : 0.0;
+    switch (tag()) {
+    case JsonTag::real: return std::bit_cast<double>(doc_->tape[at_ + 1]);
+    case JsonTag::numberText:
+    case JsonTag::longNumberText: return jsonLiteralValue(doc_->text(at_));
+    default: return 0.0;
+    }
 }
 
-std::string_view Json::numberText() const noexcept { return type_ == Type::numberText ? std::string_view(s_) : std::string_view(); }
+std::string_view Json::numberText() const noexcept {
+    const JsonTag t = tag();
+    return t == JsonTag::numberText || t == JsonTag::longNumberText ? doc_->text(at_) : std::string_view();
+}
 
 std::optional<double> Json::numberValue() const noexcept {
-    switch (type_) {
-    case Type::boolean: return b_ ? 1.0 : 0.0;
-    case Type::integer: return static_cast<double>(i_);
-    case Type::unsignedInteger: return static_cast<double>(u_);
-    case Type::real: return d_;
-    case Type::numberText: return literalValue(s_);
+    switch (type()) {
+    case Type::boolean: return boolValue() ? 1.0 : 0.0;
+    case Type::integer: return static_cast<double>(intValue());
+    case Type::unsignedInteger: return static_cast<double>(uintValue());
+    case Type::real: return realValue();
     default: return std::nullopt;
     }
 }
 
-const std::string& Json::stringValue() const noexcept {
-    static const std::string empty;
-    return type_ == Type::string ? s_ : empty;
-}
+std::string_view Json::stringValue() const noexcept { return isString() ? doc_->text(at_) : std::string_view(); }
 
-const Json::Array& Json::arrayValue() const noexcept {
-    static const Array empty;
-    return type_ == Type::array ? a_ : empty;
-}
+JsonArrayView Json::arrayValue() const { return isArray() ? JsonArrayView(doc_, at_) : JsonArrayView(); }
 
-const Json::Object& Json::objectValue() const noexcept {
-    static const Object empty;
-    return type_ == Type::object ? o_ : empty;
-}
+JsonObjectView Json::objectValue() const { return isObject() ? JsonObjectView(doc_, at_) : JsonObjectView(); }
 
-const Json* Json::find(std::string_view key) const noexcept {
-    if (type_ != Type::object) return nullptr;
-    for (auto it = o_.rbegin(); it != o_.rend(); ++it) {
-        if (it->key == key) return &it->value;
+std::optional<Json> Json::find(std::string_view key) const {
+    if (!isObject()) return std::nullopt;
+    std::optional<std::size_t> found;
+    const std::size_t end = doc_->next(at_);
+    for (std::size_t i = at_ + 1; i < end; i = doc_->next(i + 1)) {
+        if (doc_->text(i) == key) found = i + 1;
     }
-    return nullptr;
+    if (!found) return std::nullopt;
+    return Json(doc_, *found);
 }
-
-bool operator==(const Json& a, const Json& b) { return JsonTreeOps::equalTrees(a, b); }
 
 namespace {
+
+bool sameScalar(const Json& a, const Json& b) noexcept {
+    switch (a.type()) {
+    case Json::Type::null: return true;
+    case Json::Type::boolean: return a.boolValue() == b.boolValue();
+    case Json::Type::integer: return a.intValue() == b.intValue();
+    case Json::Type::unsignedInteger: return a.uintValue() == b.uintValue();
+    case Json::Type::real: { // a literal and a double compare by value
+        const double x = a.realValue();
+        const double y = b.realValue();
+        return x == y || (std::isnan(x) && std::isnan(y));
+    }
+    case Json::Type::string: return a.stringValue() == b.stringValue();
+    default: return false;
+    }
+}
+
+} // namespace
+
+// Both tapes list their values in the same order when the values are equal, so one walk over
+// the two compares them at any depth: each container's count, each key and each scalar.
+bool operator==(const Json& a, const Json& b) {
+    if (a.type() != b.type()) return false;
+    if (!a.doc_ || !b.doc_) return true; // both null
+    const JsonDocument& x = *a.doc_;
+    const JsonDocument& y = *b.doc_;
+    const std::size_t end = x.next(a.at_);
+    std::size_t i = a.at_;
+    std::size_t j = b.at_;
+    while (i < end) {
+        const Json u(a.doc_, i);
+        const Json v(b.doc_, j);
+        if (u.type() != v.type()) return false;
+        if (u.isArray() || u.isObject()) {
+            if (x.count(i) != y.count(j)) return false;
+            ++i;
+            ++j;
+        } else {
+            if (!sameScalar(u, v)) return false;
+            i = x.next(i);
+            j = y.next(j);
+        }
+    }
+    return true;
+}
 
 // The value of a number literal as the reader keeps it (NaN and the infinities included).
 // from_chars refuses a literal beyond the double range; strtod_l then gives the infinity or the
 // zero (with its sign) that every server's reader gives.
-double literalValue(std::string_view text) noexcept {
+double jsonLiteralValue(std::string_view text) noexcept {
     if (text == "NaN") return std::numeric_limits<double>::quiet_NaN();
     if (text == "Infinity") return std::numeric_limits<double>::infinity();
     if (text == "-Infinity") return -std::numeric_limits<double>::infinity();
@@ -353,7 +293,5 @@ double literalValue(std::string_view text) noexcept {
     const std::string terminated(text); // strtod_l reads up to a NUL
     return strtod_l(terminated.c_str(), nullptr, posix);
 }
-
-} // namespace
 
 } // namespace sentrova

@@ -2,60 +2,209 @@
 
 // The JSON value model. The reader (JsonReader.hpp) and the canonical writer (JsonWriter.hpp)
 // come with it.
+//
+// A value lives in an immutable document: one flat tape of 8-byte words in document order and
+// one store of string bytes. A Json is a shared handle on a document and a position in it, so
+// copying one is cheap and a value read from a line costs a few bytes per token, at any depth:
+// a line of twenty million brackets takes eighty megabytes, not a node per bracket.
 
+#include <cstddef>
 #include <cstdint>
-#include <new>
+#include <iterator>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 namespace sentrova {
 
 class Json;
-
 struct JsonMember;
+
+// The tape. A word holds a tag in its top 4 bits, a 40-bit field A and a 20-bit field B.
+// Containers: A is the index just past their last descendant, B their count of elements or
+// members (saturated at kJsonCountSaturated: counted by walking). An object's members are a
+// key (a string word) followed by the value. Strings and number texts: A is the offset of
+// their bytes in the store and B their length; the long forms keep the length in a second
+// word. Integers that need more than 60 bits, unsigned integers and doubles keep the value in
+// a second word.
+enum class JsonTag : std::uint8_t {
+    null, falseValue, trueValue, smallInteger, integer, unsignedInteger, real,
+    string, longString, numberText, longNumberText, array, object,
+};
+
+inline constexpr std::uint64_t kJsonFieldA = (std::uint64_t{1} << 40) - 1;
+inline constexpr std::uint64_t kJsonCountSaturated = (std::uint64_t{1} << 20) - 1;
+
+struct JsonDocument {
+    std::vector<std::uint64_t> tape;
+    std::string strings;
+
+    static JsonTag tag(std::uint64_t word) noexcept { return static_cast<JsonTag>(word >> 60); }
+    static std::uint64_t fieldA(std::uint64_t word) noexcept { return word & kJsonFieldA; }
+    static std::uint64_t fieldB(std::uint64_t word) noexcept { return (word >> 40) & kJsonCountSaturated; }
+    static std::uint64_t word(JsonTag tag, std::uint64_t a, std::uint64_t b) noexcept {
+        return static_cast<std::uint64_t>(tag) << 60 | (b & kJsonCountSaturated) << 40 | (a & kJsonFieldA);
+    }
+    // Integers of 60 bits, two's complement, fill the word below the tag.
+    static bool fitsSmall(std::int64_t value) noexcept {
+        return value >= -(std::int64_t{1} << 59) && value < (std::int64_t{1} << 59);
+    }
+    static std::uint64_t smallIntegerWord(std::int64_t value) noexcept {
+        return static_cast<std::uint64_t>(JsonTag::smallInteger) << 60 |
+               (static_cast<std::uint64_t>(value) & ((std::uint64_t{1} << 60) - 1));
+    }
+    static std::int64_t smallIntegerValue(std::uint64_t word) noexcept {
+        return static_cast<std::int64_t>(word << 4) >> 4;
+    }
+    static bool hasSecondWord(JsonTag tag) noexcept {
+        return tag == JsonTag::integer || tag == JsonTag::unsignedInteger || tag == JsonTag::real ||
+               tag == JsonTag::longString || tag == JsonTag::longNumberText;
+    }
+
+    // The index just past the value at `at`.
+    std::size_t next(std::size_t at) const noexcept {
+        const JsonTag t = tag(tape[at]);
+        if (t == JsonTag::array || t == JsonTag::object) return fieldA(tape[at]);
+        return at + (hasSecondWord(t) ? 2 : 1);
+    }
+    // The bytes of the string or number text at `at`.
+    std::string_view text(std::size_t at) const noexcept {
+        const std::uint64_t w = tape[at];
+        const JsonTag t = tag(w);
+        const std::size_t size = t == JsonTag::longString || t == JsonTag::longNumberText ? tape[at + 1] : fieldB(w);
+        return std::string_view(strings).substr(fieldA(w), size);
+    }
+    // The number of elements or members of the container at `at`.
+    std::size_t count(std::size_t at) const noexcept;
+
+    // Appends string-like bytes already in the store at `offset` as one value.
+    void addText(JsonTag shortTag, std::size_t offset, std::size_t size);
+};
+
+// A range over the elements of an array; empty for anything else.
+class JsonArrayView {
+public:
+    class iterator {
+    public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = Json;
+        using difference_type = std::ptrdiff_t;
+        iterator() = default;
+        iterator(const std::shared_ptr<const JsonDocument>* doc, std::size_t at) : doc_(doc), at_(at) {}
+        Json operator*() const;
+        iterator& operator++() {
+            at_ = (*doc_)->next(at_);
+            return *this;
+        }
+        iterator operator++(int) {
+            iterator before = *this;
+            ++*this;
+            return before;
+        }
+        friend bool operator==(const iterator& a, const iterator& b) noexcept { return a.at_ == b.at_; }
+
+    private:
+        const std::shared_ptr<const JsonDocument>* doc_ = nullptr;
+        std::size_t at_ = 0;
+    };
+
+    JsonArrayView() = default;
+    JsonArrayView(std::shared_ptr<const JsonDocument> doc, std::size_t at);
+    iterator begin() const { return iterator(&doc_, begin_); }
+    iterator end() const { return iterator(&doc_, end_); }
+    std::size_t size() const noexcept { return size_; }
+    bool empty() const noexcept { return size_ == 0; }
+    Json operator[](std::size_t index) const; // index < size()
+
+private:
+    std::shared_ptr<const JsonDocument> doc_;
+    std::size_t begin_ = 0;
+    std::size_t end_ = 0;
+    std::size_t size_ = 0;
+};
+
+// One member of an object as read: its key and its value.
+struct JsonMemberView;
+
+// A range over the members of an object, in input order (duplicates kept); empty for anything else.
+class JsonObjectView {
+public:
+    class iterator {
+    public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = JsonMemberView;
+        using difference_type = std::ptrdiff_t;
+        iterator() = default;
+        iterator(const std::shared_ptr<const JsonDocument>* doc, std::size_t at) : doc_(doc), at_(at) {}
+        JsonMemberView operator*() const;
+        iterator& operator++() {
+            at_ = (*doc_)->next(at_ + 1);
+            return *this;
+        }
+        iterator operator++(int) {
+            iterator before = *this;
+            ++*this;
+            return before;
+        }
+        friend bool operator==(const iterator& a, const iterator& b) noexcept { return a.at_ == b.at_; }
+
+    private:
+        const std::shared_ptr<const JsonDocument>* doc_ = nullptr;
+        std::size_t at_ = 0;
+    };
+
+    JsonObjectView() = default;
+    JsonObjectView(std::shared_ptr<const JsonDocument> doc, std::size_t at);
+    iterator begin() const { return iterator(&doc_, begin_); }
+    iterator end() const { return iterator(&doc_, end_); }
+    std::size_t size() const noexcept { return size_; }
+    bool empty() const noexcept { return size_ == 0; }
+
+private:
+    std::shared_ptr<const JsonDocument> doc_;
+    std::size_t begin_ = 0;
+    std::size_t end_ = 0;
+    std::size_t size_ = 0;
+};
 
 class Json {
 public:
     // numberText is internal: a number read from text that is not a plain 64-bit integer keeps
     // its own text (so ids, tokens and big integers can be written back with the client's
     // digits); type() reports it as real.
-    enum class Type : std::uint8_t { null, boolean, integer, unsignedInteger, real, string, array, object, numberText };
+    enum class Type : std::uint8_t { null, boolean, integer, unsignedInteger, real, string, array, object };
 
+    // What the value builders take.
     using Array = std::vector<Json>;
-    using Object = std::vector<JsonMember>; // every member, in input order (duplicates kept)
+    using Object = std::vector<JsonMember>; // every member, in order (duplicates kept)
 
-    Json() noexcept : u_(0) {} // null
-    // Iterative: destroying a deeply nested value never recurses. Scalars need no work, which
-    // the inline test settles without a call.
-    ~Json() {
-        if (type_ >= Type::string) destroy();
-    }
-    Json(const Json& other);
-    Json(Json&& other) noexcept : u_(0) { moveFrom(std::move(other)); }
-    Json& operator=(const Json& other);
-    Json& operator=(Json&& other) noexcept;
+    Json() noexcept = default; // null
+    Json(std::shared_ptr<const JsonDocument> doc, std::size_t at) noexcept : doc_(std::move(doc)), at_(at) {}
 
     static Json null();
     static Json boolean(bool value);
     static Json integer(std::int64_t value);
     static Json unsignedInteger(std::uint64_t value); // only for values above INT64_MAX
     static Json real(double value);
-    static Json string(std::string value);
+    static Json string(std::string_view value);
     // Overloads rather than default arguments: JsonMember is not yet complete here.
     static Json array();
-    static Json array(Array elements);
+    static Json array(const Array& elements);
     static Json object();
-    static Json object(Object members);
+    static Json object(const Object& members);
 
-    Type type() const noexcept { return type_ == Type::numberText ? Type::real : type_; }
-    bool isNull() const noexcept { return type_ == Type::null; }
-    bool isBool() const noexcept { return type_ == Type::boolean; }
-    bool isString() const noexcept { return type_ == Type::string; }
-    bool isArray() const noexcept { return type_ == Type::array; }
-    bool isObject() const noexcept { return type_ == Type::object; }
+    // This value in a document of its own, so that keeping it does not keep the whole line it
+    // was read from.
+    Json standalone() const;
+
+    Type type() const noexcept;
+    bool isNull() const noexcept { return tag() == JsonTag::null; }
+    bool isBool() const noexcept { return tag() == JsonTag::falseValue || tag() == JsonTag::trueValue; }
+    bool isString() const noexcept { return tag() == JsonTag::string || tag() == JsonTag::longString; }
+    bool isArray() const noexcept { return tag() == JsonTag::array; }
+    bool isObject() const noexcept { return tag() == JsonTag::object; }
     // A JSON number; booleans count as numbers (1 and 0), as every numeric read of the bridge expects.
     bool isNumber() const noexcept;
     // True only for integer, unsignedInteger and real (not booleans).
@@ -70,69 +219,45 @@ public:
     // The numeric value of a number or boolean (true 1, false 0); nullopt for anything else.
     std::optional<double> numberValue() const noexcept;
 
-    const std::string& stringValue() const noexcept; // only meaningful for strings
-    const Array& arrayValue() const noexcept;        // only meaningful for arrays
-    const Object& objectValue() const noexcept;      // only meaningful for objects
+    std::string_view stringValue() const noexcept; // only meaningful for strings
+    JsonArrayView arrayValue() const;               // empty for anything but an array
+    JsonObjectView objectValue() const;             // empty for anything but an object
 
-    // Object lookup: the last member with exactly this key, or nullptr (also for non-objects).
-    const Json* find(std::string_view key) const noexcept;
+    // Object lookup: the last member with exactly this key, or nullopt (also for non-objects).
+    std::optional<Json> find(std::string_view key) const;
 
     // Structural equality; numbers compare by kind and value; objects member by member in order.
     friend bool operator==(const Json& a, const Json& b);
 
+    // The document and position, for the writer and for copying into another document.
+    const JsonDocument* document() const noexcept { return doc_.get(); }
+    std::size_t position() const noexcept { return at_; }
+
 private:
-    friend class JsonTreeOps;    // iterative copy, destruction and comparison of whole trees
-    friend struct JsonNodeAccess; // the reader fills values in place
+    JsonTag tag() const noexcept { return doc_ ? JsonDocument::tag(doc_->tape[at_]) : JsonTag::null; }
+    std::uint64_t word() const noexcept { return doc_->tape[at_]; }
 
-    void destroy() noexcept;
-    void copyFrom(const Json& other);
-
-    // Takes other's value into this value, which holds none (null); other is left null.
-    void moveFrom(Json&& other) noexcept;
-
-    // Strings and containers live inline: a short string (up to 15 bytes) or an empty container
-    // costs no allocation, and every other one a single allocation for its contents.
-    Type type_ = Type::null;
-    union {
-        bool b_;
-        std::int64_t i_;
-        std::uint64_t u_;
-        double d_;
-        std::string s_;
-        Array a_;
-        Object o_;
-    };
+    std::shared_ptr<const JsonDocument> doc_; // null for the null value
+    std::size_t at_ = 0;
 };
+
+// The value of a number literal as the reader keeps it (NaN and the infinities included).
+double jsonLiteralValue(std::string_view text) noexcept;
 
 struct JsonMember {
     std::string key;
     Json value;
-    friend bool operator==(const JsonMember& a, const JsonMember& b) { return a.key == b.key && a.value == b.value; }
 };
 
-// Defined here, where JsonMember is complete, because every move goes through it.
-inline void Json::moveFrom(Json&& other) noexcept {
-    switch (other.type_) {
-    case Type::string:
-    case Type::numberText:
-        new (&s_) std::string(std::move(other.s_));
-        other.s_.~basic_string();
-        break;
-    case Type::array:
-        new (&a_) Array(std::move(other.a_));
-        other.a_.~Array();
-        break;
-    case Type::object:
-        new (&o_) Object(std::move(other.o_));
-        other.o_.~Object();
-        break;
-    default:
-        u_ = other.u_;
-        break;
-    }
-    type_ = other.type_;
-    other.type_ = Type::null;
-    other.u_ = 0;
+struct JsonMemberView {
+    std::string_view key;
+    Json value;
+};
+
+inline Json JsonArrayView::iterator::operator*() const { return Json(*doc_, at_); }
+
+inline JsonMemberView JsonObjectView::iterator::operator*() const {
+    return JsonMemberView{(*doc_)->text(at_), Json(*doc_, at_ + 1)};
 }
 
 } // namespace sentrova

@@ -10,30 +10,6 @@
 
 namespace sentrova {
 
-// The reader builds values in place, without a copy of what it has read.
-struct JsonNodeAccess {
-    // The set* helpers fill a value that holds nothing (null).
-    static void setString(Json& json, const char* data, std::size_t size) {
-        new (&json.s_) std::string(data, size);
-        json.type_ = Json::Type::string;
-    }
-    static void setString(Json& json, std::string&& text) noexcept {
-        new (&json.s_) std::string(std::move(text));
-        json.type_ = Json::Type::string;
-    }
-    static void setArray(Json& json, Json::Array&& elements) noexcept {
-        new (&json.a_) Json::Array(std::move(elements));
-        json.type_ = Json::Type::array;
-    }
-    static void setObject(Json& json, Json::Object&& members) noexcept {
-        new (&json.o_) Json::Object(std::move(members));
-        json.type_ = Json::Type::object;
-    }
-    static void take(Json& json, Json& from) noexcept { json.moveFrom(std::move(from)); }
-    static void markLiteral(Json& json) noexcept { json.type_ = Json::Type::numberText; }
-
-};
-
 namespace {
 
 inline bool isDigit(char c) noexcept { return static_cast<unsigned char>(c - '0') < 10; }
@@ -99,97 +75,48 @@ inline bool readHex4(const char* p, std::uint32_t& value) noexcept {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Reader. Values are built bottom-up on one value stack: a container, when it closes, takes the
-// values (and for an object the keys) pushed since it opened. Nesting lives in frames_, never on
-// the C++ stack.
+// Reader. It writes the document's tape front to back. While a container is open, its word
+// holds the index of the container around it (field A) and its count so far (field B); closing
+// it puts its end in field A and makes the outer one current again. Nesting so costs one tape
+// word per container and nothing else, at any depth, and never uses the C++ stack.
 
-// Directly nested containers that opened with nothing read between them ("[[[[") share one
-// frame with a count, so that a line of brackets costs no memory per bracket.
-struct ReaderFrame {
-    std::size_t firstValue;
-    std::size_t firstKey;
-    std::uint32_t count;
-    bool isObject;
-};
-
-// A member name waiting for its object to close: a span of the input when it needed no
-// decoding, else a span of the decoded names. The name's string is then built once, in place.
-struct PendingKey {
-    bool decoded;
-    std::size_t offset;
-    std::size_t size;
-};
-
-// The reader's stacks, kept per thread from one line to the next so that reading a small line
-// allocates nothing but the value it returns. Emptied after every read; storage grown by an
-// unusually large line is given back rather than held for the life of the thread.
-class ReaderScratch {
-public:
-    static ReaderScratch& forThisThread() noexcept {
-        thread_local ReaderScratch scratch;
-        return scratch;
-    }
-
-    void reset() noexcept {
-        values.clear();
-        keys.clear();
-        decodedKeys.clear();
-        frames.clear();
-        releaseIfLarge(values);
-        releaseIfLarge(keys);
-        releaseIfLarge(frames);
-        if (decodedKeys.capacity() > kKeptEntries * sizeof(Json)) std::string().swap(decodedKeys);
-    }
-
-    std::vector<Json> values;
-    std::vector<PendingKey> keys;
-    std::string decodedKeys; // names that held escapes or ill-formed UTF-8, decoded
-    std::vector<ReaderFrame> frames;
-
-private:
-    static constexpr std::size_t kKeptEntries = 4096;
-
-    template <typename T>
-    static void releaseIfLarge(std::vector<T>& stack) noexcept {
-        if (stack.capacity() > kKeptEntries) std::vector<T>().swap(stack);
-    }
-};
+constexpr std::size_t kNone = kJsonFieldA;
 
 class JsonReader {
 public:
-    JsonReader(std::string_view text, ReaderScratch& scratch)
-        : begin_(text.data()),
-          p_(text.data()),
-          end_(text.data() + text.size()),
-          values_(scratch.values),
-          keys_(scratch.keys),
-          decodedKeys_(scratch.decodedKeys),
-          frames_(scratch.frames) {}
+    JsonReader(std::string_view text, JsonDocument& doc)
+        : p_(text.data()), end_(text.data() + text.size()), doc_(doc), tape_(doc.tape) {
+        // Every word stands for at least two bytes of a valid line (a scalar and its comma, a
+        // bracket and its partner), so this is enough; only pages written count in memory.
+        tape_.reserve(text.size() / 2 + 2);
+        doc_.strings.reserve(text.size());
+    }
 
-    std::optional<Json> read() {
+    bool read() {
         if (end_ - p_ >= 3 && std::memcmp(p_, "\xEF\xBB\xBF", 3) == 0) p_ += 3;
         skipWhitespace();
-        if (p_ == end_ || (*p_ != '{' && *p_ != '[')) return std::nullopt;
+        if (p_ == end_ || (*p_ != '{' && *p_ != '[')) return false;
         bool expectValue = true;
         for (;;) {
             if (expectValue) {
                 // Whitespace before a value has already been skipped.
-                if (p_ == end_) return std::nullopt;
+                if (p_ == end_) return false;
                 const char c = *p_;
+                if (current_ != kNone && !inObject()) countChild();
                 if (c == '{') {
                     ++p_;
-                    open(true);
+                    open(JsonTag::object);
                     skipWhitespace();
                     if (p_ != end_ && *p_ == '}') {
                         ++p_;
                         close();
                         expectValue = false;
                     } else if (!readKey()) {
-                        return std::nullopt;
+                        return false;
                     }
                 } else if (c == '[') {
                     ++p_;
-                    open(false);
+                    open(JsonTag::array);
                     skipWhitespace();
                     if (p_ != end_ && *p_ == ']') {
                         ++p_;
@@ -197,30 +124,29 @@ public:
                         expectValue = false;
                     }
                 } else {
-                    if (!readScalar()) return std::nullopt;
+                    if (!readScalar()) return false;
                     expectValue = false;
                 }
             } else {
                 skipWhitespace();
-                if (frames_.empty()) break;
-                if (p_ == end_) return std::nullopt;
+                if (current_ == kNone) break;
+                if (p_ == end_) return false;
                 const char c = *p_;
-                const bool inObject = frames_.back().isObject;
+                const bool object = inObject();
                 if (c == ',') {
                     ++p_;
                     skipWhitespace();
-                    if (inObject && !readKey()) return std::nullopt;
+                    if (object && !readKey()) return false;
                     expectValue = true;
-                } else if (c == (inObject ? '}' : ']')) {
+                } else if (c == (object ? '}' : ']')) {
                     ++p_;
                     close();
                 } else {
-                    return std::nullopt;
+                    return false;
                 }
             }
         }
-        if (p_ != end_) return std::nullopt;
-        return std::move(values_.back());
+        return p_ == end_;
     }
 
 private:
@@ -232,63 +158,49 @@ private:
         }
     }
 
-    void open(bool isObject) {
-        if (!frames_.empty()) {
-            ReaderFrame& last = frames_.back();
-            if (last.isObject == isObject && last.firstValue == values_.size() && last.firstKey == keys_.size() &&
-                last.count != UINT32_MAX) {
-                ++last.count;
-                return;
-            }
-        }
-        frames_.push_back({values_.size(), keys_.size(), 1, isObject});
+    bool inObject() const noexcept { return JsonDocument::tag(tape_[current_]) == JsonTag::object; }
+
+    void countChild() noexcept {
+        const std::uint64_t w = tape_[current_];
+        const std::uint64_t count = JsonDocument::fieldB(w);
+        if (count != kJsonCountSaturated) tape_[current_] = JsonDocument::word(JsonDocument::tag(w), JsonDocument::fieldA(w), count + 1);
     }
 
-    // The container's storage is sized once, exactly; its children move in from the value stack.
-    void close() {
-        const ReaderFrame frame = frames_.back();
-        if (--frames_.back().count == 0) frames_.pop_back();
-        const std::size_t count = values_.size() - frame.firstValue;
-        Json* const children = values_.data() + frame.firstValue;
-        if (!frame.isObject) {
-            Json::Array elements(count);
-            for (std::size_t i = 0; i < count; ++i) JsonNodeAccess::take(elements[i], children[i]);
-            values_.resize(frame.firstValue);
-            JsonNodeAccess::setArray(values_.emplace_back(), std::move(elements));
-            return;
-        }
-        Json::Object members;
-        members.reserve(count);
-        const PendingKey* const keys = keys_.data() + frame.firstKey;
-        for (std::size_t i = 0; i < count; ++i) {
-            const char* name = keys[i].decoded ? decodedKeys_.data() + keys[i].offset : begin_ + keys[i].offset;
-            members.push_back(JsonMember{std::string(name, keys[i].size), Json()});
-            JsonNodeAccess::take(members.back().value, children[i]);
-        }
-        values_.resize(frame.firstValue);
-        keys_.resize(frame.firstKey);
-        if (keys_.empty()) decodedKeys_.clear(); // no outer name still points into it
-        JsonNodeAccess::setObject(values_.emplace_back(), std::move(members));
+    void open(JsonTag tag) {
+        tape_.push_back(JsonDocument::word(tag, current_, 0));
+        current_ = tape_.size() - 1;
+    }
+
+    void close() noexcept {
+        const std::uint64_t w = tape_[current_];
+        tape_[current_] = JsonDocument::word(JsonDocument::tag(w), tape_.size(), JsonDocument::fieldB(w));
+        current_ = JsonDocument::fieldA(w);
     }
 
     // A member name, the whitespace after it and the colon; then the whitespace before the value.
     bool readKey() {
         if (p_ == end_ || *p_ != '"') return false;
-        const char* const start = ++p_;
-        const char* const stop = skipPlainStringBytes(p_, end_);
-        if (stop != end_ && *stop == '"') {
-            keys_.push_back({false, static_cast<std::size_t>(start - begin_), static_cast<std::size_t>(stop - start)});
-            p_ = stop + 1;
-        } else {
-            const std::size_t offset = decodedKeys_.size();
-            p_ = stop;
-            if (!readString(decodedKeys_, start)) return false;
-            keys_.push_back({true, offset, decodedKeys_.size() - offset});
-        }
+        countChild();
+        if (!readStringValue(JsonTag::string)) return false;
         skipWhitespace();
         if (p_ == end_ || *p_ != ':') return false;
         ++p_;
         skipWhitespace();
+        return true;
+    }
+
+    // A string whose opening quote is at p_, decoded into the store.
+    bool readStringValue(JsonTag tag) {
+        const char* const start = ++p_;
+        const std::size_t offset = doc_.strings.size();
+        p_ = skipPlainStringBytes(p_, end_);
+        if (p_ != end_ && *p_ == '"') {
+            doc_.strings.append(start, p_);
+            ++p_;
+        } else if (!readString(doc_.strings, start)) {
+            return false;
+        }
+        doc_.addText(tag, offset, doc_.strings.size() - offset);
         return true;
     }
 
@@ -300,31 +212,18 @@ private:
 
     bool readScalar() {
         switch (*p_) {
-        case '"': {
-            const char* const start = ++p_;
-            const char* const stop = skipPlainStringBytes(p_, end_);
-            if (stop != end_ && *stop == '"') {
-                JsonNodeAccess::setString(values_.emplace_back(), start, static_cast<std::size_t>(stop - start));
-                p_ = stop + 1;
-                return true;
-            }
-            p_ = stop;
-            std::string text;
-            if (!readString(text, start)) return false;
-            JsonNodeAccess::setString(values_.emplace_back(), std::move(text));
-            return true;
-        }
+        case '"': return readStringValue(JsonTag::string);
         case 't':
             if (!readWord("true")) return false;
-            values_.push_back(Json::boolean(true));
+            tape_.push_back(JsonDocument::word(JsonTag::trueValue, 0, 0));
             return true;
         case 'f':
             if (!readWord("false")) return false;
-            values_.push_back(Json::boolean(false));
+            tape_.push_back(JsonDocument::word(JsonTag::falseValue, 0, 0));
             return true;
         case 'n':
             if (!readWord("null")) return false;
-            values_.push_back(Json::null());
+            tape_.push_back(JsonDocument::word(JsonTag::null, 0, 0));
             return true;
         case 'N':
         case 'I': {
@@ -375,14 +274,14 @@ private:
             std::uint64_t magnitude = 0;
             const bool fits = std::from_chars(digits, digitsEnd, magnitude).ec == std::errc();
             constexpr auto kInt64Max = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-            if (fits && !negative) {
-                values_.push_back(magnitude <= kInt64Max ? Json::integer(static_cast<std::int64_t>(magnitude))
-                                                         : Json::unsignedInteger(magnitude));
+            if (fits && !negative && magnitude > kInt64Max) {
+                tape_.push_back(JsonDocument::word(JsonTag::unsignedInteger, 0, 0));
+                tape_.push_back(magnitude);
                 return true;
             }
-            if (fits && magnitude <= kInt64Max + 1) {
+            if (fits && magnitude <= kInt64Max + (negative ? 1 : 0)) {
                 // "-0" reads as the integer 0.
-                values_.push_back(Json::integer(static_cast<std::int64_t>(0 - magnitude)));
+                pushInteger(static_cast<std::int64_t>(negative ? 0 - magnitude : magnitude));
                 return true;
             }
         }
@@ -390,11 +289,20 @@ private:
         return true;
     }
 
-    // A number kept as its own text (short ones stay inside the value, with no allocation).
+    void pushInteger(std::int64_t value) {
+        if (JsonDocument::fitsSmall(value)) {
+            tape_.push_back(JsonDocument::smallIntegerWord(value));
+        } else {
+            tape_.push_back(JsonDocument::word(JsonTag::integer, 0, 0));
+            tape_.push_back(static_cast<std::uint64_t>(value));
+        }
+    }
+
+    // A number kept as its own text.
     void pushLiteral(const char* start) {
-        Json& value = values_.emplace_back();
-        JsonNodeAccess::setString(value, start, static_cast<std::size_t>(p_ - start));
-        JsonNodeAccess::markLiteral(value);
+        const std::size_t offset = doc_.strings.size();
+        doc_.strings.append(start, p_);
+        doc_.addText(JsonTag::numberText, offset, static_cast<std::size_t>(p_ - start));
     }
 
     // Appends the string that started at start (after its quote) to out; p_ is at or before the
@@ -467,26 +375,48 @@ private:
         return true;
     }
 
-    const char* const begin_;
     const char* p_;
     const char* const end_;
-    std::vector<Json>& values_;
-    std::vector<PendingKey>& keys_;
-    std::string& decodedKeys_;
-    std::vector<ReaderFrame>& frames_;
+    JsonDocument& doc_;
+    std::vector<std::uint64_t>& tape_;
+    std::size_t current_ = kNone; // the innermost open container
 };
+
+// Whether every bracket outside strings is closed, in order of kind-blind nesting. A large
+// line is checked first so that one that never closes (twenty megabytes of "[") is refused
+// before a word is written for it.
+bool bracketsClose(std::string_view text) noexcept {
+    std::size_t depth = 0;
+    bool inString = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (inString) {
+            if (c == '\\') ++i;
+            else if (c == '"') inString = false;
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            ++depth;
+        } else if (c == ']' || c == '}') {
+            if (depth-- == 0) return false;
+        }
+    }
+    return depth == 0 && !inString;
+}
+
+constexpr std::size_t kCheckedLineSize = 1 << 16;
 
 } // namespace
 
 std::optional<Json> parseJson(std::string_view text) {
-    ReaderScratch& scratch = ReaderScratch::forThisThread();
-    std::optional<Json> value;
+    if (text.size() > kCheckedLineSize && !bracketsClose(text)) return std::nullopt;
     try {
-        value = JsonReader(text, scratch).read();
+        auto doc = std::make_shared<JsonDocument>();
+        if (!JsonReader(text, *doc).read()) return std::nullopt;
+        return Json(std::move(doc), 0);
     } catch (...) { // out of memory: the line is treated as unreadable
+        return std::nullopt;
     }
-    scratch.reset(); // also frees what a refused line had read so far
-    return value;
 }
 
 } // namespace sentrova

@@ -39,76 +39,117 @@ inline const char* skipUnescapedBytes(const char* p, const char* end, bool escap
 }
 
 // ---------------------------------------------------------------------------------------------
-// Writer. Nesting lives in an explicit stack of open containers, never on the C++ stack.
+// Writer. It walks the tape with an explicit stack, never the C++ stack. Arrays and objects of
+// at most one member are written in tape order; containers that end where the open one ends
+// share its stack entry, so a line of brackets costs a bit per bracket, not an entry. Only
+// objects with members to sort keep their sorted keys while they are open.
 
 class JsonWriter {
 public:
     JsonWriter(std::string& out, JsonWriteOptions options) : out_(out), options_(options) {}
 
-    bool write(const Json& root) {
+    bool write(const JsonDocument& doc, std::size_t root) {
+        doc_ = &doc;
         if (!writeValue(root)) return false;
         while (!open_.empty()) {
             Open& top = open_.back();
-            if (top.next == top.end) {
-                out_.push_back(top.isObject ? '}' : ']');
-                order_.resize(top.orderBase);
-                open_.pop_back();
-                continue;
-            }
-            if (top.next != top.begin) out_.push_back(',');
-            const std::size_t at = top.next++;
-            const Json* value;
-            if (top.isObject) {
-                const JsonMember* member = order_[at];
-                appendJsonString(out_, member->key, options_);
-                out_.push_back(':');
-                value = &member->value;
+            std::size_t at;
+            if (top.sorted) {
+                if (top.next == top.end) {
+                    closeOne();
+                    order_.resize(top.begin);
+                    open_.pop_back();
+                    continue;
+                }
+                if (top.next != top.begin) out_.push_back(',');
+                at = order_[top.next++];
             } else {
-                value = &top.elements[at - top.begin];
+                if (top.next == top.end) {
+                    for (; top.depth > 0; --top.depth) closeOne();
+                    open_.pop_back();
+                    continue;
+                }
+                if (!top.first) out_.push_back(',');
+                top.first = false;
+                at = top.next;
+                top.next = doc.next(kinds_.back() ? at + 1 : at);
             }
-            if (!writeValue(*value)) return false; // may open a container: top is then stale
+            if (kinds_.back()) { // an object: its key, then the value after it
+                appendJsonString(out_, doc.text(at), options_);
+                out_.push_back(':');
+                ++at;
+            }
+            if (!writeValue(at)) return false; // may open a container: top is then stale
         }
         return true;
     }
 
 private:
-    // One container being written: elements of an array, or the sorted members of an object as
-    // the slice [begin, end) of order_.
+    // Open containers. An entry in tape order covers `depth` containers that all end at `end`,
+    // the innermost taking its children from `next`; a sorted entry is one object whose keys'
+    // positions are order_[begin, end), written up to `next`.
     struct Open {
-        bool isObject;
-        const Json* elements;
+        bool sorted;
+        bool first;
+        std::size_t depth;
         std::size_t begin;
         std::size_t next;
         std::size_t end;
-        std::size_t orderBase;
     };
 
-    // Writes a scalar whole, or the opening of a container (its contents follow from the stack).
-    bool writeValue(const Json& value) {
-        switch (value.type()) {
-        case Json::Type::null: out_.append("null"); return true;
-        case Json::Type::boolean: out_.append(value.boolValue() ? "true" : "false"); return true;
-        case Json::Type::integer: appendDecimal(value.intValue()); return true;
-        case Json::Type::unsignedInteger: appendDecimal(value.uintValue()); return true;
-        case Json::Type::real: return appendNumber(value);
-        case Json::Type::string: appendJsonString(out_, value.stringValue(), options_); return true;
-        case Json::Type::array: {
-            const Json::Array& elements = value.arrayValue();
-            out_.push_back('[');
-            open_.push_back({false, elements.data(), 0, 0, elements.size(), order_.size()});
-            return true;
+    void closeOne() {
+        out_.push_back(kinds_.back() ? '}' : ']');
+        kinds_.pop_back();
+    }
+
+    void openInOrder(std::size_t at, bool isObject) {
+        out_.push_back(isObject ? '{' : '[');
+        kinds_.push_back(isObject);
+        const std::size_t end = doc_->next(at);
+        if (!open_.empty() && !open_.back().sorted && open_.back().end == end && open_.back().next == end) {
+            // The last child of the open container: both end together.
+            Open& top = open_.back();
+            ++top.depth;
+            top.first = true;
+            top.next = at + 1;
+            return;
         }
-        case Json::Type::object: {
-            const Json::Object& members = value.objectValue();
+        open_.push_back({false, true, 1, 0, at + 1, end});
+    }
+
+    // Writes a scalar whole, or the opening of a container (its contents follow from the stack).
+    bool writeValue(std::size_t at) {
+        const JsonDocument& doc = *doc_;
+        switch (JsonDocument::tag(doc.tape[at])) {
+        case JsonTag::null: out_.append("null"); return true;
+        case JsonTag::falseValue: out_.append("false"); return true;
+        case JsonTag::trueValue: out_.append("true"); return true;
+        case JsonTag::smallInteger: appendDecimal(JsonDocument::smallIntegerValue(doc.tape[at])); return true;
+        case JsonTag::integer: appendDecimal(static_cast<std::int64_t>(doc.tape[at + 1])); return true;
+        case JsonTag::unsignedInteger: appendDecimal(doc.tape[at + 1]); return true;
+        case JsonTag::real: return appendReal(std::bit_cast<double>(doc.tape[at + 1]));
+        case JsonTag::numberText:
+        case JsonTag::longNumberText: return appendNumberText(doc.text(at));
+        case JsonTag::string:
+        case JsonTag::longString: appendJsonString(out_, doc.text(at), options_); return true;
+        case JsonTag::array: openInOrder(at, false); return true;
+        case JsonTag::object: {
+            const std::size_t end = doc.next(at);
             const std::size_t base = order_.size();
-            for (const JsonMember& member : members) order_.push_back(&member);
+            for (std::size_t i = at + 1; i < end; i = doc.next(i + 1)) order_.push_back(i);
+            if (order_.size() - base < 2) {
+                order_.resize(base);
+                openInOrder(at, true);
+                return true;
+            }
             sortTail(base);
             out_.push_back('{');
-            open_.push_back({true, nullptr, base, base, base + members.size(), base});
+            kinds_.push_back(true);
+            open_.push_back({true, true, 1, base, base, order_.size()});
             return true;
         }
-        default: return false;
         }
+        return false;
     }
 
     template <typename Integer>
@@ -120,15 +161,14 @@ private:
 
     // A number read from text: echoed as read when asked, and an integer of any size keeps all
     // its digits; anything else goes through its double value.
-    bool appendNumber(const Json& value) {
-        const std::string_view text = value.numberText();
-        if (!text.empty() && text.back() != 'N' && text.back() != 'y') { // not NaN or an infinity
+    bool appendNumberText(std::string_view text) {
+        if (text.back() != 'N' && text.back() != 'y') { // not NaN or an infinity
             if (options_.verbatimNumbers || text.find_first_of(".eE") == std::string_view::npos) {
                 out_.append(text);
                 return true;
             }
         }
-        return appendReal(value.realValue());
+        return appendReal(jsonLiteralValue(text));
     }
 
     // Integral values below 2^53 print as integers (1.0 as 1, -0.0 as 0); everything else in
@@ -146,14 +186,14 @@ private:
     }
 
     void sortTail(std::size_t base) {
-        auto less = [](const JsonMember* a, const JsonMember* b) { return jsonKeyLess(a->key, b->key); };
+        auto less = [this](std::size_t a, std::size_t b) { return jsonKeyLess(doc_->text(a), doc_->text(b)); };
         const auto first = order_.begin() + static_cast<std::ptrdiff_t>(base);
         if (order_.end() - first > 24) {
             std::stable_sort(first, order_.end(), less);
             return;
         }
-        for (auto it = first + (first != order_.end() ? 1 : 0); it < order_.end(); ++it) {
-            const JsonMember* member = *it;
+        for (auto it = first + 1; it < order_.end(); ++it) {
+            const std::size_t member = *it;
             auto hole = it;
             while (hole != first && less(member, *(hole - 1))) {
                 *hole = *(hole - 1);
@@ -165,8 +205,10 @@ private:
 
     std::string& out_;
     JsonWriteOptions options_;
+    const JsonDocument* doc_ = nullptr;
     std::vector<Open> open_;
-    std::vector<const JsonMember*> order_; // sorted members of every open object, innermost last
+    std::vector<bool> kinds_;          // every open container, innermost last: true for an object
+    std::vector<std::size_t> order_;   // key positions of every open sorted object, innermost last
 };
 
 inline char foldCase(unsigned char c) noexcept {
@@ -177,10 +219,11 @@ inline char foldCase(unsigned char c) noexcept {
 } // namespace
 
 std::optional<std::string> writeJson(const Json& value, JsonWriteOptions options) {
+    if (value.document() == nullptr) return std::string("null");
     try {
         std::string out;
         JsonWriter writer(out, options);
-        if (!writer.write(value)) return std::nullopt;
+        if (!writer.write(*value.document(), value.position())) return std::nullopt;
         return out;
     } catch (...) {
         return std::nullopt;

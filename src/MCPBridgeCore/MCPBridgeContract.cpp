@@ -1,7 +1,9 @@
 #include "MCPBridgeCore/MCPBridgeContract.hpp"
 #include "MCPBridgeCore/Utf8.hpp"
 
+#include <algorithm>
 #include <utility>
+#include <vector>
 
 #include "MCPBridgeCore/Json.hpp"
 
@@ -9,17 +11,35 @@ namespace sentrova {
 
 namespace {
 
-constexpr std::string_view kEmptyBody = "{}";
+// A member of a request body: a string, or a boolean when text is unset.
+struct BodyMember {
+    std::string_view key;
+    std::optional<std::string_view> text;
+    bool flag = false;
+};
 
-// Bodies go through the canonical writer so that member order and escaping match every
-// other JSON the bridge writes; a failed write gives the fixed "{}" body.
-std::string writeBody(Json::Object members) {
-    std::optional<std::string> text = writeJson(Json::object(std::move(members)));
-    return text ? std::move(*text) : std::string(kEmptyBody);
-}
-
-JsonMember stringMember(std::string key, const std::string& value) {
-    return JsonMember{std::move(key), Json::string(value)};
+// Bodies are flat objects, written as the canonical writer writes any object (keys sorted,
+// same escaping), straight from the fields: a call's arguments are copied once, into the body.
+std::string writeBody(std::vector<BodyMember> members) {
+    std::stable_sort(members.begin(), members.end(),
+                     [](const BodyMember& a, const BodyMember& b) { return jsonKeyLess(a.key, b.key); });
+    std::size_t size = 2;
+    for (const BodyMember& member : members) size += member.key.size() + (member.text ? member.text->size() : 5) + 8;
+    std::string out;
+    out.reserve(size);
+    out.push_back('{');
+    for (const BodyMember& member : members) {
+        if (out.size() > 1) out.push_back(',');
+        appendJsonString(out, member.key);
+        out.push_back(':');
+        if (member.text) {
+            appendJsonString(out, *member.text);
+        } else {
+            out.append(member.flag ? "true" : "false");
+        }
+    }
+    out.push_back('}');
+    return out;
 }
 
 } // namespace
@@ -41,18 +61,12 @@ std::optional<BridgeRisk> bridgeRiskFromRawValue(std::string_view raw) noexcept 
 }
 
 std::string BridgeToolCallQuery::httpBody() const {
-    Json::Object members;
-    members.reserve(10);
-    members.push_back(stringMember("argumentsJSON", argumentsJSON));
-    members.push_back(JsonMember{"pinChanged", Json::boolean(pinChanged)});
-    members.push_back(stringMember("pinHash", pinHash));
-    if (previousPinHash) members.push_back(stringMember("previousPinHash", *previousPinHash));
-    if (provider) members.push_back(stringMember("provider", *provider));
-    members.push_back(stringMember("requestID", requestID));
-    members.push_back(stringMember("risk", std::string(rawValue(risk))));
-    members.push_back(stringMember("serverCommand", serverCommand));
-    members.push_back(stringMember("tool", tool));
-    members.push_back(stringMember("workerName", workerName));
+    std::vector<BodyMember> members{{"argumentsJSON", argumentsJSON}, {"pinChanged", std::nullopt, pinChanged},
+                                    {"pinHash", pinHash},             {"requestID", requestID},
+                                    {"risk", rawValue(risk)},         {"serverCommand", serverCommand},
+                                    {"tool", tool},                   {"workerName", workerName}};
+    if (previousPinHash) members.push_back({"previousPinHash", *previousPinHash});
+    if (provider) members.push_back({"provider", *provider});
     return writeBody(std::move(members));
 }
 
@@ -64,19 +78,19 @@ BridgeDecision BridgeDecision::parse(std::string_view responseBody) {
 
     // A verdict that readers could take either way ("decision" twice, or also as "Decision",
     // which a case-insensitive reader takes for it) is no verdict.
-    const Json* decision = nullptr;
+    std::optional<Json> decision;
     static const std::string kFolded = foldedName("decision");
-    for (const JsonMember& member : verdict->objectValue()) {
+    for (const JsonMemberView member : verdict->objectValue()) {
         if (member.key.size() < 8 || member.key.size() > 24 || foldedName(member.key) != kFolded) continue;
-        if (decision != nullptr || member.key != "decision") return unreadable();
-        decision = &member.value;
+        if (decision || member.key != "decision") return unreadable();
+        decision = member.value;
     }
-    if (decision == nullptr || !decision->isString()) return unreadable();
+    if (!decision || !decision->isString()) return unreadable();
     if (decision->stringValue() == "allow") return allow();
 
     // Any other string is a deny; only a string reason is passed on, even an empty one.
-    const Json* reason = verdict->find("reason");
-    if (reason != nullptr && reason->isString()) return deny(reason->stringValue());
+    const std::optional<Json> reason = verdict->find("reason");
+    if (reason && reason->isString()) return deny(std::string(reason->stringValue()));
     return deny(std::string(GatewayDenyReason::policyDefault));
 }
 
@@ -91,18 +105,18 @@ BridgeEvent BridgeEvent::pinViolation(std::string workerName, std::string tool, 
 }
 
 std::string BridgeEvent::httpBody() const {
-    Json::Object members;
+    std::vector<BodyMember> members;
     if (const auto* shot = std::get_if<Screenshot>(&payload_)) {
-        members.push_back(stringMember("base64", shot->base64));
-        members.push_back(stringMember("kind", "screenshot"));
-        members.push_back(stringMember("mimeType", shot->mimeType));
-        members.push_back(stringMember("workerName", shot->workerName));
+        members.push_back(BodyMember{"base64", shot->base64});
+        members.push_back(BodyMember{"kind", "screenshot"});
+        members.push_back(BodyMember{"mimeType", shot->mimeType});
+        members.push_back(BodyMember{"workerName", shot->workerName});
     } else if (const auto* violation = std::get_if<PinViolation>(&payload_)) {
-        members.push_back(stringMember("kind", "pinViolation"));
-        members.push_back(stringMember("pinHash", violation->pinHash));
-        members.push_back(stringMember("previousPinHash", violation->previousPinHash));
-        members.push_back(stringMember("tool", violation->tool));
-        members.push_back(stringMember("workerName", violation->workerName));
+        members.push_back(BodyMember{"kind", "pinViolation"});
+        members.push_back(BodyMember{"pinHash", violation->pinHash});
+        members.push_back(BodyMember{"previousPinHash", violation->previousPinHash});
+        members.push_back(BodyMember{"tool", violation->tool});
+        members.push_back(BodyMember{"workerName", violation->workerName});
     }
     return writeBody(std::move(members));
 }

@@ -36,8 +36,8 @@ private:
 };
 
 bool isMethod(const Json& message, std::string_view method) {
-    const Json* value = message.find("method");
-    return value != nullptr && value->isString() && value->stringValue() == method;
+    const std::optional<Json> value = message.find("method");
+    return value && value->isString() && value->stringValue() == method;
 }
 
 } // namespace
@@ -160,7 +160,7 @@ void MCPBridgeRouter::handleClientLine(std::string line, bool moreFollows) {
         }
 
         if (isMethod(*message, kToolsCall)) {
-            interceptToolsCall(*message, std::move(line));
+            interceptToolsCall(std::move(*message), std::move(line));
             return;
         }
         if (isMethod(*message, kCancelled)) {
@@ -172,7 +172,7 @@ void MCPBridgeRouter::handleClientLine(std::string line, bool moreFollows) {
             return;
         }
         if (isMethod(*message, kToolsList)) {
-            if (const Json* id = message->find("id")) {
+            if (const std::optional<Json> id = message->find("id")) {
                 // Recorded before the request goes out, so the answer always finds its key.
                 if (std::optional<std::string> key = MCPWire::idKey(*id)) {
                     std::lock_guard<std::mutex> hold(stateLock_);
@@ -204,8 +204,8 @@ void MCPBridgeRouter::handleServerLine(std::string line, bool moreFollows) {
             return;
         }
 
-        const Json* id = message->find("id");
-        const std::vector<std::string> keys = id != nullptr ? MCPWire::answerKeys(*id) : std::vector<std::string>();
+        const std::optional<Json> id = message->find("id");
+        const std::vector<std::string> keys = id ? MCPWire::answerKeys(*id) : std::vector<std::string>();
         if (!keys.empty()) {
             bool wasPending = false;
             bool wasForwarded = false;
@@ -216,18 +216,18 @@ void MCPBridgeRouter::handleServerLine(std::string line, bool moreFollows) {
                     wasForwarded = forwardedToolCallIDs_.erase(key) > 0 || wasForwarded;
                 }
             }
-            const Json* result = message->find("result");
-            const bool hasResultObject = result != nullptr && result->isObject();
+            const std::optional<Json> result = message->find("result");
+            const bool hasResultObject = result && result->isObject();
             // Capture before the answer is written: the client's next call must find the pins.
             if (wasPending && hasResultObject) {
-                const Json* tools = result->find("tools");
-                if (tools != nullptr && tools->isArray()) {
+                const std::optional<Json> tools = result->find("tools");
+                if (tools && tools->isArray()) {
                     bool allObjects = true;
                     for (const Json& tool : tools->arrayValue()) {
                         allObjects = allObjects && tool.isObject();
                     }
                     if (allObjects) {
-                        pinTable_.capture(tools->arrayValue());
+                        pinTable_.capture(*tools);
                     }
                 }
             }
@@ -267,14 +267,14 @@ std::string MCPBridgeRouter::denyMessage(std::string_view tool, std::string_view
 }
 
 
-void MCPBridgeRouter::interceptToolsCall(const Json& message, std::string rawLine) {
-    const Json* id = message.find("id");
-    if (id == nullptr) {
+void MCPBridgeRouter::interceptToolsCall(Json message, std::string rawLine) {
+    std::optional<Json> id = message.find("id");
+    if (!id) {
         // A notification can take no answer; the server gets it as sent.
         toServer(rawLine);
         return;
     }
-    const MCPWire::ToolCallReading reading = MCPWire::readToolCall(message);
+    MCPWire::ToolCallReading reading = MCPWire::readToolCall(message);
     if (reading.outcome != MCPWire::ToolCallReading::Outcome::ask) {
         // The gateway would decide on something else than what the server acts on, or the
         // answer could not carry the client's id: refuse without asking.
@@ -284,18 +284,24 @@ void MCPBridgeRouter::interceptToolsCall(const Json& message, std::string rawLin
         }
         return;
     }
-    const Json* params = message.find("params");
-    const Json* name = params != nullptr && params->isObject() ? params->find("name") : nullptr;
-    if (name == nullptr || !name->isString()) {
-        std::string answer = MCPWire::denyResult(*id, denyMessage(kMalformedTool, kMalformedReason, false));
-        toClient(answer);
-        return;
+    std::string tool;
+    {
+        const std::optional<Json> params = message.find("params");
+        const std::optional<Json> name = params && params->isObject() ? params->find("name") : std::nullopt;
+        if (!name || !name->isString()) {
+            std::string answer = MCPWire::denyResult(*id, denyMessage(kMalformedTool, kMalformedReason, false));
+            toClient(answer);
+            return;
+        }
+        tool = name->stringValue();
     }
-    const std::string& tool = name->stringValue();
 
     auto call = std::make_shared<PendingCall>();
-    call->id = *id;
+    call->id = id->standalone(); // kept while the call is pending, without the rest of the line
     call->idKey = MCPWire::idKey(*id).value_or(std::string());
+    // All else needed of the line is in hand: its parsed form goes before the request is built.
+    id.reset();
+    message = Json();
 
     // Whatever the client sent before this call leaves now: an allowed call must not overtake
     // it, and nothing should sit in a batch while the pump waits for a slot below.
@@ -306,7 +312,7 @@ void MCPBridgeRouter::interceptToolsCall(const Json& message, std::string rawLin
         if (!call->idKey.empty() && pendingCalls_.contains(call->idKey)) {
             // The id is taken by a call still waiting: answering this one would answer both.
             hold.unlock();
-            std::string answer = MCPWire::denyResult(*id, denyMessage(kMalformedTool, kMalformedReason, false));
+            std::string answer = MCPWire::denyResult(call->id, denyMessage(kMalformedTool, kMalformedReason, false));
             toClient(answer);
             return;
         }
@@ -323,7 +329,7 @@ void MCPBridgeRouter::interceptToolsCall(const Json& message, std::string rawLin
         query.provider = config_.provider;
         query.serverCommand = config_.serverCommand;
         query.tool = tool;
-        query.argumentsJSON = reading.argumentsText;
+        query.argumentsJSON = std::move(reading.argumentsText);
         query.risk = pin ? pin->risk : BridgeRisk::caution;
         query.pinHash = pin ? pin->hash : std::string();
         query.pinChanged = status.pinChanged;
@@ -409,9 +415,9 @@ void MCPBridgeRouter::finishCall(const std::shared_ptr<PendingCall>& call, Bridg
 // A cancellation that names a pending call ends it: its request is given up, its heartbeat
 // stops, and neither the server nor the client hears of it again (the server never saw it).
 bool MCPBridgeRouter::withdrawCancelledCall(const Json& message) {
-    const Json* params = message.find("params");
-    const Json* requestId = params != nullptr && params->isObject() ? params->find("requestId") : nullptr;
-    std::optional<std::string> key = requestId != nullptr ? MCPWire::idKey(*requestId) : std::nullopt;
+    const std::optional<Json> params = message.find("params");
+    const std::optional<Json> requestId = params && params->isObject() ? params->find("requestId") : std::nullopt;
+    std::optional<std::string> key = requestId ? MCPWire::idKey(*requestId) : std::nullopt;
     if (!key) return false;
     std::shared_ptr<PendingCall> call;
     {
@@ -426,9 +432,9 @@ bool MCPBridgeRouter::withdrawCancelledCall(const Json& message) {
     return true;
 }
 
-std::shared_ptr<BridgeCancellable> MCPBridgeRouter::armHeartbeat(const Json* progressToken) {
+std::shared_ptr<BridgeCancellable> MCPBridgeRouter::armHeartbeat(const std::optional<Json>& progressToken) {
     // Only strings and numbers (booleans read as numbers) identify a progress stream.
-    if (progressToken == nullptr || !(progressToken->isString() || progressToken->isNumber()) || !scheduler_) {
+    if (!progressToken || !(progressToken->isString() || progressToken->isNumber()) || !scheduler_) {
         return nullptr;
     }
     auto counter = std::make_shared<Counter>();

@@ -62,12 +62,12 @@ private:
         std::string bytes;
     };
 
-    void interceptToolsCall(const Json& message, std::string rawLine);
+    void interceptToolsCall(Json message, std::string rawLine);
     bool withdrawCancelledCall(const Json& message);
     void finishCall(const std::shared_ptr<PendingCall>& call, BridgeDecision decision);
     bool endPending(PendingCall& call, bool forwarded);
     void releaseSlot();
-    std::shared_ptr<BridgeCancellable> armHeartbeat(const Json* progressToken);
+    std::shared_ptr<BridgeCancellable> armHeartbeat(const std::optional<Json>& progressToken);
     void writeLine(const WriteOperation& write, std::string& line); // appends the LF, one write
     // Appends the LF; gathers the line while more lines are in hand, else writes it at once.
     void emit(OutputBatch& batch, const WriteOperation& write, std::string& line, bool moreFollows);

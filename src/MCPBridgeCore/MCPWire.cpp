@@ -3,6 +3,7 @@
 
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -61,26 +62,40 @@ std::string sha256Hex(std::string_view data) {
 // Ids and progress tokens go back to the client as it wrote them.
 constexpr JsonWriteOptions kEchoed{.verbatimNumbers = true};
 
+// Whether two member names of the object at `at` fold to one. The names' hashes are compared
+// first, which costs 8 bytes a member; only names whose hashes meet are compared as names.
+bool objectHasFoldedTwins(const JsonDocument& doc, std::size_t at) {
+    const std::size_t end = doc.next(at);
+    const auto foldedHash = [&doc](std::size_t key) { return std::hash<std::string>{}(foldedName(doc.text(key))); };
+    std::vector<std::size_t> hashes;
+    hashes.reserve(doc.count(at));
+    for (std::size_t key = at + 1; key < end; key = doc.next(key + 1)) hashes.push_back(foldedHash(key));
+    std::sort(hashes.begin(), hashes.end());
+    std::vector<std::size_t> met;
+    for (std::size_t i = 1; i < hashes.size(); ++i) {
+        if (hashes[i] == hashes[i - 1] && (met.empty() || met.back() != hashes[i])) met.push_back(hashes[i]);
+    }
+    if (met.empty()) return false;
+    std::unordered_set<std::string> seen;
+    for (std::size_t key = at + 1; key < end; key = doc.next(key + 1)) {
+        if (std::binary_search(met.begin(), met.end(), foldedHash(key)) && !seen.insert(foldedName(doc.text(key))).second) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // Whether some object at any depth of value has two member names that Go's folding takes for one
 // (a Go server acts on the last of them, the gateway would see both).
 bool hasFoldedTwins(const Json& value) {
-    std::vector<const Json*> pending{&value};
-    std::unordered_set<std::string> seen;
-    while (!pending.empty()) {
-        const Json* current = pending.back();
-        pending.pop_back();
-        if (current->isArray()) {
-            for (const Json& element : current->arrayValue()) {
-                if (element.isArray() || element.isObject()) pending.push_back(&element);
-            }
-            continue;
-        }
-        const Json::Object& members = current->objectValue();
-        seen.clear();
-        for (const JsonMember& member : members) {
-            if (members.size() > 1 && !seen.insert(foldedName(member.key)).second) return true;
-            if (member.value.isArray() || member.value.isObject()) pending.push_back(&member.value);
-        }
+    const JsonDocument* doc = value.document();
+    if (doc == nullptr) return false;
+    // One pass over the value's words: each object's members are looked at from the object.
+    const std::size_t end = doc->next(value.position());
+    for (std::size_t at = value.position(); at < end;) {
+        const JsonTag tag = JsonDocument::tag(doc->tape[at]);
+        if (tag == JsonTag::object && doc->count(at) > 1 && objectHasFoldedTwins(*doc, at)) return true;
+        at = tag == JsonTag::array || tag == JsonTag::object ? at + 1 : doc->next(at);
     }
     return false;
 }
@@ -163,23 +178,22 @@ std::optional<double> javaScriptNumber(std::string_view text) {
     return negative ? -magnitude : magnitude;
 }
 
-bool isStringEqual(const Json* value, std::string_view expected) {
-    return value != nullptr && value->isString() && value->stringValue() == expected;
+bool isStringEqual(const std::optional<Json>& value, std::string_view expected) {
+    return value && value->isString() && value->stringValue() == expected;
 }
 
 } // namespace
 
 std::optional<std::string> idKey(const Json& id) {
     switch (id.type()) {
-    case Json::Type::string: return "s:" + id.stringValue();
+    case Json::Type::string: return "s:" + std::string(id.stringValue());
     case Json::Type::boolean: return std::string(id.boolValue() ? "n:1" : "n:0");
     case Json::Type::integer: return "n:" + std::to_string(id.intValue());
     case Json::Type::unsignedInteger: return "n:" + std::to_string(id.uintValue());
     case Json::Type::real: return "n:" + realKeyText(id.realValue());
     case Json::Type::null:
     case Json::Type::array:
-    case Json::Type::object:
-    case Json::Type::numberText: return std::nullopt;
+    case Json::Type::object: return std::nullopt;
     }
     return std::nullopt;
 }
@@ -195,23 +209,23 @@ std::vector<std::string> answerKeys(const Json& id) {
 
 ToolCallReading readToolCall(const Json& message) {
     ToolCallReading reading;
-    const Json* id = message.find("id");
-    if (id != nullptr && !writeJson(*id, kEchoed)) {
+    const std::optional<Json> id = message.find("id");
+    if (id && !writeJson(*id, kEchoed)) {
         reading.outcome = ToolCallReading::Outcome::drop;
         return reading;
     }
-    const Json* params = message.find("params");
-    if (params == nullptr || !params->isObject()) return reading;
-    const Json* meta = params->find("_meta");
-    const Json* token = meta != nullptr && meta->isObject() ? meta->find("progressToken") : nullptr;
-    if (token != nullptr && token->isNumberLiteral()) {
+    const std::optional<Json> params = message.find("params");
+    if (!params || !params->isObject()) return reading;
+    const std::optional<Json> meta = params->find("_meta");
+    const std::optional<Json> token = meta && meta->isObject() ? meta->find("progressToken") : std::nullopt;
+    if (token && token->isNumberLiteral()) {
         if (!writeJson(*token, kEchoed)) return reading;
-        reading.progressToken = token;
-    } else if (token != nullptr && token->isString()) {
-        reading.progressToken = token;
+        reading.progressToken = token->standalone();
+    } else if (token && token->isString()) {
+        reading.progressToken = token->standalone();
     }
-    const Json* arguments = params->find("arguments");
-    if (arguments == nullptr) {
+    const std::optional<Json> arguments = params->find("arguments");
+    if (!arguments) {
         reading.argumentsText = "{}";
     } else {
         if (!(arguments->isObject() || arguments->isArray()) || hasFoldedTwins(*arguments)) return reading;
@@ -223,8 +237,8 @@ ToolCallReading readToolCall(const Json& message) {
     return reading;
 }
 
-std::optional<bool> readBoolean(const Json* value) {
-    if (value == nullptr) return std::nullopt;
+std::optional<bool> readBoolean(const std::optional<Json>& value) {
+    if (!value) return std::nullopt;
     if (value->isBool()) return value->boolValue();
     std::optional<double> number = value->numberValue();
     if (!number) return std::nullopt;
@@ -233,8 +247,8 @@ std::optional<bool> readBoolean(const Json* value) {
     return std::nullopt;
 }
 
-BridgeRisk riskFloor(const Json* annotations) {
-    if (annotations == nullptr || !annotations->isObject()) return BridgeRisk::caution;
+BridgeRisk riskFloor(const std::optional<Json>& annotations) {
+    if (!annotations || !annotations->isObject()) return BridgeRisk::caution;
     const bool readOnly = readBoolean(annotations->find("readOnlyHint")).value_or(false);
     const bool destructive = readBoolean(annotations->find("destructiveHint")).value_or(true);
     // One step up for a tool that may write, one more for one that may destroy.
@@ -243,20 +257,19 @@ BridgeRisk riskFloor(const Json* annotations) {
 }
 
 std::optional<ImageBlock> firstImageBlock(const Json& result) {
-    const Json* content = result.find("content");
-    if (content == nullptr || !content->isArray()) return std::nullopt;
+    const std::optional<Json> content = result.find("content");
+    if (!content || !content->isArray()) return std::nullopt;
     // A content array with anything but objects in it is not read at all.
     for (const Json& block : content->arrayValue()) {
         if (!block.isObject()) return std::nullopt;
     }
     for (const Json& block : content->arrayValue()) {
         if (!isStringEqual(block.find("type"), "image")) continue;
-        const Json* data = block.find("data");
-        if (data == nullptr || !data->isString()) continue;
-        const Json* mimeType = block.find("mimeType");
-        return ImageBlock{data->stringValue(), (mimeType != nullptr && mimeType->isString())
-                                                   ? mimeType->stringValue()
-                                                   : std::string(kDefaultImageMimeType)};
+        const std::optional<Json> data = block.find("data");
+        if (!data || !data->isString()) continue;
+        const std::optional<Json> mimeType = block.find("mimeType");
+        return ImageBlock{std::string(data->stringValue()),
+                          std::string(mimeType && mimeType->isString() ? mimeType->stringValue() : kDefaultImageMimeType)};
     }
     return std::nullopt;
 }
@@ -305,8 +318,8 @@ std::string pinHash(const Json& tool) {
     std::string text = "{";
     bool first = true;
     for (std::string_view key : kPinnedKeysInWriteOrder) {
-        const Json* value = tool.find(key);
-        if (value == nullptr) continue;
+        const std::optional<Json> value = tool.find(key);
+        if (!value) continue;
         std::optional<std::string> valueText = writeJson(*value, pinOptions);
         if (!valueText) return {};
         if (!first) text += ',';

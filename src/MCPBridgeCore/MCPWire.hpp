@@ -30,19 +30,18 @@ struct ToolCallReading {
     };
     Outcome outcome = Outcome::refuse;
     std::string argumentsText;
-    const Json* progressToken = nullptr; // a string or number token to echo in heartbeats, or none
+    std::optional<Json> progressToken; // a string or number token to echo in heartbeats, or none
 };
 // Refused: arguments present but neither an object nor an array; arguments holding NaN, an
 // infinity or a number beyond the double range; any object in them with two member names that
-// Go's folding takes for one; a progress token that cannot be written back. message must
-// outlive the result.
+// Go's folding takes for one; a progress token that cannot be written back.
 ToolCallReading readToolCall(const Json& message);
 
 // A value read as a boolean: true/false, or a number exactly 1 or 0; nullopt otherwise.
-std::optional<bool> readBoolean(const Json* value);
+std::optional<bool> readBoolean(const std::optional<Json>& value);
 
-// Risk floor of a tool's annotations object (nullptr when the tool has none).
-BridgeRisk riskFloor(const Json* annotations);
+// Risk floor of a tool's annotations object (nullopt when the tool has none).
+BridgeRisk riskFloor(const std::optional<Json>& annotations);
 
 struct ImageBlock {
     std::string base64;

@@ -4,21 +4,21 @@
 
 namespace sentrova {
 
-void ToolPinTable::capture(const Json::Array& toolsList) {
+void ToolPinTable::capture(const Json& toolsList) {
     // Pins are computed under the lock on purpose: a lookup that arrives while an answer is
     // being captured waits for the whole answer, never sees half of it.
     std::lock_guard guard(lock_);
-    for (const Json& tool : toolsList) {
+    for (const Json& tool : toolsList.arrayValue()) {
         if (!tool.isObject() || tool.objectValue().empty()) continue;
-        const Json* name = tool.find("name");
-        if (name == nullptr || !name->isString()) continue;
+        const std::optional<Json> name = tool.find("name");
+        if (!name || !name->isString()) continue;
 
-        const Json* annotations = tool.find("annotations");
-        if (annotations != nullptr && !annotations->isObject()) annotations = nullptr;
+        std::optional<Json> annotations = tool.find("annotations");
+        if (annotations && !annotations->isObject()) annotations.reset();
 
         // Later entries with the same name replace earlier ones; tools missing from this
         // answer keep what an earlier answer recorded.
-        baseline_[name->stringValue()] = ToolPin{MCPWire::pinHash(tool), MCPWire::riskFloor(annotations)};
+        baseline_[std::string(name->stringValue())] = ToolPin{MCPWire::pinHash(tool), MCPWire::riskFloor(annotations)};
     }
     staleFlag_ = false;
 }

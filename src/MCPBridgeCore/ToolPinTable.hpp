@@ -27,7 +27,7 @@ public:
     };
 
     // Records pin and risk of every named tool of a tools/list answer's "tools" array; clears the stale flag.
-    void capture(const Json::Array& toolsList);
+    void capture(const Json& toolsList); // a tools/list answer's "tools" array
     std::optional<ToolPin> pin(const std::string& name) const;
     PinStatus pinStatus(const std::string& name, const std::string& currentHash) const;
     void approve(const std::string& tool, const std::string& hash);

@@ -59,19 +59,19 @@ DevGatewayPinStore::LoadResult DevGatewayPinStore::load(const std::string& path)
     text << file.rdbuf(); // an empty file reads as nothing, which is no pin list
     const std::string problem = "state file " + path + ": not a pin list written by sentrova-dev-gateway";
     const std::optional<Json> document = parseJson(text.str());
-    const Json* pins = document && document->isObject() ? document->find("pins") : nullptr;
-    if (pins == nullptr || !pins->isArray()) {
+    const std::optional<Json> pins = document && document->isObject() ? document->find("pins") : std::nullopt;
+    if (!pins || !pins->isArray()) {
         return problem + " (move it away to start afresh)";
     }
     for (const Json& entry : pins->arrayValue()) {
-        const Json* serverCommand = entry.find("serverCommand");
-        const Json* tool = entry.find("tool");
-        const Json* pinHash = entry.find("pinHash");
+        const std::optional<Json> serverCommand = entry.find("serverCommand");
+        const std::optional<Json> tool = entry.find("tool");
+        const std::optional<Json> pinHash = entry.find("pinHash");
         if (!serverCommand || !tool || !pinHash || !serverCommand->isString() || !tool->isString() ||
             !pinHash->isString()) {
             return problem + " (move it away to start afresh)";
         }
-        store->pins_[{serverCommand->stringValue(), tool->stringValue()}] = pinHash->stringValue();
+        store->pins_[{std::string(serverCommand->stringValue()), std::string(tool->stringValue())}] = pinHash->stringValue();
     }
     return store;
 }

@@ -34,8 +34,8 @@ std::string* queryField(DevGatewayQuery& query, std::string_view key) {
 
 // Reads an optional non-negative number of seconds no larger than the limit.
 std::optional<std::string> readSeconds(const Json& rule, std::string_view key, double& out) {
-    const Json* value = rule.find(key);
-    if (value == nullptr) {
+    const std::optional<Json> value = rule.find(key);
+    if (!value) {
         return std::nullopt;
     }
     const std::optional<double> seconds = value->isNumberLiteral() ? value->numberValue() : std::nullopt;
@@ -65,9 +65,9 @@ public:
         if (!rule_.isObject()) {
             return "must be an object";
         }
-        for (const JsonMember& member : rule_.objectValue()) {
+        for (const JsonMemberView member : rule_.objectValue()) {
             if (!contains(kRuleKeys, member.key)) {
-                return "unknown member \"" + member.key + "\"";
+                return "unknown member \"" + std::string(member.key) + "\"";
             }
         }
         if (auto problem = readStrings("tool", out.toolGlobs)) return problem;
@@ -82,11 +82,11 @@ public:
         if (auto problem = readFlag("pinChanged", out.pinChanged)) return problem;
         if (auto problem = readFlag("pinKnown", out.pinKnown)) return problem;
         if (auto problem = readFlag("toolKnown", out.toolKnown)) return problem;
-        const Json* decision = rule_.find("decision");
-        if (decision == nullptr) {
+        const std::optional<Json> decision = rule_.find("decision");
+        if (!decision) {
             return std::string("missing \"decision\" (\"allow\", \"deny\" or \"ask\")");
         }
-        const std::string word = decision->isString() ? decision->stringValue() : std::string();
+        const std::string word(decision->isString() ? decision->stringValue() : std::string_view());
         if (word == "allow") {
             out.decision = DevGatewayDecision::allow;
         } else if (word == "deny") {
@@ -96,7 +96,7 @@ public:
         } else {
             return std::string("\"decision\" must be \"allow\", \"deny\" or \"ask\"");
         }
-        if (const Json* reason = rule_.find("reason")) {
+        if (const std::optional<Json> reason = rule_.find("reason")) {
             if (!reason->isString()) {
                 return std::string("\"reason\" must be a string");
             }
@@ -104,7 +104,7 @@ public:
         }
         if (auto problem = readSeconds(rule_, "delaySeconds", out.delaySeconds)) return problem;
         if (auto problem = readSeconds(rule_, "timeoutSeconds", out.timeoutSeconds)) return problem;
-        if (rule_.find("timeoutSeconds") != nullptr && out.decision != DevGatewayDecision::ask) {
+        if (rule_.find("timeoutSeconds") && out.decision != DevGatewayDecision::ask) {
             return std::string("\"timeoutSeconds\" belongs to \"ask\" rules only");
         }
         return std::nullopt;
@@ -112,7 +112,7 @@ public:
 
 private:
     std::optional<std::string> readFlag(std::string_view key, std::optional<bool>& out) const {
-        if (const Json* value = rule_.find(key)) {
+        if (const std::optional<Json> value = rule_.find(key)) {
             if (!value->isBool()) {
                 return "\"" + std::string(key) + "\" must be true or false";
             }
@@ -123,13 +123,13 @@ private:
 
     // A condition is one string or a non-empty array of strings.
     std::optional<std::string> readStrings(std::string_view key, std::vector<std::string>& out) const {
-        const Json* value = rule_.find(key);
-        if (value == nullptr) {
+        const std::optional<Json> value = rule_.find(key);
+        if (!value) {
             return std::nullopt;
         }
         const std::string problem = "\"" + std::string(key) + "\" must be a string or a non-empty array of strings";
         if (value->isString()) {
-            out.push_back(value->stringValue());
+            out.emplace_back(value->stringValue());
             return std::nullopt;
         }
         if (!value->isArray() || value->arrayValue().empty()) {
@@ -139,7 +139,7 @@ private:
             if (!element.isString()) {
                 return problem;
             }
-            out.push_back(element.stringValue());
+            out.emplace_back(element.stringValue());
         }
         return std::nullopt;
     }
@@ -155,14 +155,14 @@ std::variant<DevGatewayQuery, std::string> DevGatewayQuery::parse(const Json& bo
     }
     DevGatewayQuery query;
     std::vector<std::string_view> seen;
-    for (const JsonMember& member : body.objectValue()) {
+    for (const JsonMemberView member : body.objectValue()) {
         if (std::find(seen.begin(), seen.end(), member.key) != seen.end()) {
-            return "member \"" + member.key + "\" appears more than once";
+            return "member \"" + std::string(member.key) + "\" appears more than once";
         }
         seen.push_back(member.key);
         if (std::string* field = queryField(query, member.key)) {
             if (!member.value.isString()) {
-                return "member \"" + member.key + "\" must be a string";
+                return "member \"" + std::string(member.key) + "\" must be a string";
             }
             *field = member.value.stringValue();
         } else if (member.key == "pinChanged") {
@@ -172,7 +172,7 @@ std::variant<DevGatewayQuery, std::string> DevGatewayQuery::parse(const Json& bo
             query.pinChanged = member.value.boolValue();
         }
     }
-    if (body.find("tool") == nullptr) {
+    if (!body.find("tool")) {
         return std::string("member \"tool\" is missing");
     }
     return query;
@@ -197,28 +197,24 @@ std::string_view decisionName(DevGatewayDecision decision) {
 
 std::optional<std::string> firstDuplicateKey(const Json& value) {
     // Depth first with an explicit stack, so that no nesting depth can exhaust the C++ stack.
-    std::vector<std::pair<const Json*, std::string>> pending{{&value, std::string()}};
+    std::vector<std::pair<Json, std::string>> pending{{value, std::string()}};
     while (!pending.empty()) {
         auto [node, path] = std::move(pending.back());
         pending.pop_back();
-        if (node->isArray()) {
-            const Json::Array& elements = node->arrayValue();
-            for (std::size_t i = elements.size(); i-- > 0;) {
-                pending.emplace_back(&elements[i], path + "[" + std::to_string(i) + "]");
-            }
-        } else if (node->isObject()) {
-            const Json::Object& members = node->objectValue();
+        std::vector<std::pair<Json, std::string>> children;
+        if (node.isArray()) {
+            std::size_t index = 0;
+            for (const Json& element : node.arrayValue()) children.emplace_back(element, path + "[" + std::to_string(index++) + "]");
+        } else if (node.isObject()) {
             std::vector<std::string_view> keys;
-            for (const JsonMember& member : members) {
-                if (std::find(keys.begin(), keys.end(), member.key) != keys.end()) {
-                    return (path.empty() ? std::string() : path + ".") + member.key;
-                }
+            for (const JsonMemberView member : node.objectValue()) {
+                const std::string memberPath = (path.empty() ? std::string() : path + ".") + std::string(member.key);
+                if (std::find(keys.begin(), keys.end(), member.key) != keys.end()) return memberPath;
                 keys.push_back(member.key);
-            }
-            for (std::size_t i = members.size(); i-- > 0;) {
-                pending.emplace_back(&members[i].value, (path.empty() ? std::string() : path + ".") + members[i].key);
+                children.emplace_back(member.value, memberPath);
             }
         }
+        for (auto child = children.rbegin(); child != children.rend(); ++child) pending.push_back(std::move(*child));
     }
     return std::nullopt;
 }
@@ -253,13 +249,13 @@ DevGatewayPolicy::ParseResult DevGatewayPolicy::parse(std::string_view text, con
     if (const std::optional<std::string> duplicate = firstDuplicateKey(*document)) {
         return where + *duplicate + ": duplicate key";
     }
-    for (const JsonMember& member : document->objectValue()) {
+    for (const JsonMemberView member : document->objectValue()) {
         if (!contains(kTopLevelKeys, member.key)) {
-            return where + "unknown top-level member \"" + member.key + "\"";
+            return where + "unknown top-level member \"" + std::string(member.key) + "\"";
         }
     }
-    const Json* rules = document->find("rules");
-    if (rules == nullptr || !rules->isArray()) {
+    const std::optional<Json> rules = document->find("rules");
+    if (!rules || !rules->isArray()) {
         return where + "\"rules\" must be an array";
     }
     std::vector<DevGatewayRule> parsed;

@@ -85,12 +85,12 @@ std::string errorBody(std::string_view message) {
 // decoded image is saved as a file of its own.
 Json eventForLog(const Json& event) {
     Json::Object members;
-    for (const JsonMember& member : event.objectValue()) {
+    for (const JsonMemberView member : event.objectValue()) {
         if (member.key == "base64" && member.value.isString()) {
             members.push_back({"base64Length",
                                Json::integer(static_cast<std::int64_t>(member.value.stringValue().size()))});
         } else {
-            members.push_back(member);
+            members.push_back({std::string(member.key), member.value});
         }
     }
     return Json::object(std::move(members));
@@ -341,11 +341,11 @@ private:
             return {400, errorBody("the body must be a JSON object")};
         }
         Json::Object record = {{"kind", Json::string("event")}, {"event", eventForLog(*body)}};
-        const Json* kind = body->find("kind");
-        const Json* base64 = body->find("base64");
+        const std::optional<Json> kind = body->find("kind");
+        const std::optional<Json> base64 = body->find("base64");
         if (kind && kind->isString() && kind->stringValue() == "screenshot" && base64 && base64->isString()) {
-            const Json* mimeType = body->find("mimeType");
-            const std::string type = (mimeType && mimeType->isString()) ? mimeType->stringValue() : "image/png";
+            const std::optional<Json> mimeType = body->find("mimeType");
+            const std::string type(mimeType && mimeType->isString() ? mimeType->stringValue() : "image/png");
             const DevGatewayAuditLog::SavedImage saved = gateway_.auditLog->saveScreenshot(base64->stringValue(), type);
             record.push_back(saved.problem.empty() ? JsonMember{"screenshotFile", Json::string(saved.path)}
                                                    : JsonMember{"screenshotError", Json::string(saved.problem)});
@@ -429,9 +429,9 @@ private:
     }
 
     void handleAnswer(const std::optional<Json>& body) {
-        const Json* id = body && body->isObject() ? body->find("id") : nullptr;
-        const Json* decision = body && body->isObject() ? body->find("decision") : nullptr;
-        const Json* reason = body && body->isObject() ? body->find("reason") : nullptr;
+        const std::optional<Json> id = body && body->isObject() ? body->find("id") : std::nullopt;
+        const std::optional<Json> decision = body && body->isObject() ? body->find("decision") : std::nullopt;
+        const std::optional<Json> reason = body && body->isObject() ? body->find("reason") : std::nullopt;
         const bool wellFormed = id && id->isString() && decision && decision->isString() &&
                                 (decision->stringValue() == "allow" || decision->stringValue() == "deny") &&
                                 (!reason || reason->isString()) && !firstDuplicateKey(*body);
@@ -441,7 +441,7 @@ private:
         }
         std::uint64_t askID = 0;
         try {
-            askID = std::stoull(id->stringValue());
+            askID = std::stoull(std::string(id->stringValue()));
         } catch (...) {
             askID = 0;
         }
@@ -451,7 +451,7 @@ private:
             return respond(404, errorBody("that call is no longer waiting"));
         }
         const bool allow = decision->stringValue() == "allow";
-        const std::string typed = reason ? reason->stringValue() : std::string();
+        const std::string typed(reason ? reason->stringValue() : std::string_view());
         call->finishCall(allow, typed.empty() ? (allow ? std::string() : "denied on the approval page") : typed,
                          "page", typed);
         respond(200, R"({"answered":true})");

@@ -230,12 +230,12 @@ private:
 
 // The member at a dotted path ("query.pinHash"): a string's text, other values as JSON, "" when absent.
 inline std::string member(const Json& object, const std::string& path) {
-    const Json* value = &object;
+    std::optional<Json> value = object;
     for (std::size_t start = 0, dot = 0; value && dot != std::string::npos; start = dot + 1) {
         dot = path.find('.', start);
-        value = value->isObject() ? value->find(path.substr(start, dot - start)) : nullptr;
+        value = value->find(path.substr(start, dot - start));
     }
-    return value && value->isString() ? value->stringValue() : value ? writeJson(*value).value_or("") : "";
+    return value && value->isString() ? std::string(value->stringValue()) : value ? writeJson(*value).value_or("") : "";
 }
 
 // A gateway that speaks broken HTTP: once a request's headers are in, it writes answer and

@@ -127,7 +127,7 @@ TEST(DevGatewayServerTests, AnswersFromThePolicyLogsAndRefusesForeignPagesHostsT
             EXPECT_EQ(text.find(rows[i][k].substr(absent)) == std::string::npos, absent) << rows[i][k] << " in " << text;
         }
     }
-    const std::string file = records[5].find("screenshotFile")->stringValue();
+    const std::string file(records[5].find("screenshotFile")->stringValue());
     EXPECT_EQ(fs::file_size(file), 8u);
     EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 
@@ -151,7 +151,7 @@ TEST(DevGatewayServerTests, AnswersFromThePolicyLogsAndRefusesForeignPagesHostsT
     std::size_t refused = 0;
     for (std::size_t i = 8; i < records.size(); ++i) {
         refused += records[i].find("kind")->stringValue() == "refused" ? 1 : 0;
-        EXPECT_EQ(records[i].find("screenshotFile"), nullptr);
+        EXPECT_FALSE(records[i].find("screenshotFile"));
     }
     EXPECT_GE(refused, 13u);
 }

@@ -37,7 +37,7 @@ TEST(JsonTests, EveryCaseTableLineReadsAndWritesAsListedAndNumbersKeepTheirKind)
     EXPECT_TRUE(std::signbit(element("-0.0").realValue()) && std::signbit(element("-1e-400").realValue()));
     // Booleans stay booleans but read as numbers; only number literals are echoed verbatim.
     const Json values = *parseJson("[true,false,2,\"1\"]");
-    const Json::Array& e = values.arrayValue();
+    const JsonArrayView e = values.arrayValue();
     EXPECT_TRUE(e[0].isBool() && e[0].isNumber() && !e[0].isNumberLiteral() && e[2].isNumberLiteral());
     EXPECT_TRUE(e[0].numberValue() == 1.0 && e[1].numberValue() == 0.0 && !e[3].numberValue());
     EXPECT_TRUE(Json::boolean(true) != Json::integer(1) && Json::integer(1) != Json::real(1.0));
@@ -75,8 +75,9 @@ TEST(JsonTests, DeepAndHugeLinesCostNoRecursionNorMemoryPerBracketAndEachLineIsR
     EXPECT_EQ(kept.find("next")->arrayValue()[0].stringValue(), std::string(40, 'x'));
     kept = Json(kept.find("next")->arrayValue()[1]); // from inside the own tree
     EXPECT_EQ(kept.find("s")->stringValue(), "ab");
-    // The reader keeps working storage from one line to the next: nothing of a refused, huge or
-    // concurrent line may show up in another line's value.
+    // A value taken out of a line stands alone; nothing of a refused, huge or concurrent line
+    // may show up in another line's value.
+    EXPECT_EQ(writeJson(kept.standalone()), writeJson(kept));
     EXPECT_FALSE(parseJson(R"({"a\u0041":["a long string that needs storage",{"b":"c","k\n":[1,2)"));
     EXPECT_EQ(canonical(R"({"x":[1,{"y":"z"}]})"), R"({"x":[1,{"y":"z"}]})");
     std::string huge = "[\"v0\"";

@@ -19,7 +19,7 @@ Json parsed(std::string_view text) {
 // The value of "v" in {"v":<text>}, so that scalars can be read too.
 Json parsedValue(const std::string& text) {
     const Json wrapper = parsed(R"({"v":)" + text + "}");
-    return wrapper.find("v") != nullptr ? *wrapper.find("v") : Json();
+    return wrapper.find("v").value_or(Json());
 }
 
 TEST(MCPWireTests, IdKeysAnswerKeysAndRiskFloorsFollowTheirTables) {
@@ -32,7 +32,7 @@ TEST(MCPWireTests, IdKeysAnswerKeysAndRiskFloorsFollowTheirTables) {
     }
     for (const auto& row : test::caseRows("risk.txt")) {
         const Json annotations = row[0] == "-" ? Json() : parsed(row[0]);
-        EXPECT_EQ(rawValue(MCPWire::riskFloor(row[0] == "-" ? nullptr : &annotations)), row[1]) << row[0];
+        EXPECT_EQ(rawValue(MCPWire::riskFloor(row[0] == "-" ? std::nullopt : std::optional(annotations))), row[1]) << row[0];
     }
 }
 
