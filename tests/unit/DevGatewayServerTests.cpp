@@ -117,6 +117,12 @@ TEST(DevGatewayServerTests, AnswersFromThePolicyLogsAndRefusesForeignPagesHostsT
     const auto started = Clock::now();
     for (const auto& row : rows) EXPECT_TRUE(roundTrip(port, fill(row[0])).starts_with(row[1])) << row[0];
     EXPECT_GE(secondsSince(started), 0.4); // "slow" waits its delay
+    // The page stays out of caches and out of frames.
+    const int page = sendTo(port, fill("GET / HTTP/1.1\r\nHost: {HOST}\r\n\r\n"));
+    std::string head;
+    for (char c; !head.ends_with("\r\n\r\n") && ::recv(page, &c, 1, 0) == 1;) head += c;
+    ::close(page);
+    for (const char* header : {"Cache-Control: no-store\r\n", "X-Frame-Options: DENY\r\n"}) EXPECT_NE(head.find(header), std::string::npos) << head;
 
     std::vector<Json> records = gateway.auditRecords();
     ASSERT_GE(records.size(), 8u);
