@@ -86,18 +86,6 @@ void JsonDocument::addText(JsonTag shortTag, std::size_t offset, std::size_t siz
     tape.push_back(size);
 }
 
-JsonArrayView::JsonArrayView(std::shared_ptr<const JsonDocument> doc, std::size_t at)
-    : doc_(std::move(doc)), begin_(at + 1), end_(doc_->next(at)), size_(doc_->count(at)) {}
-
-Json JsonArrayView::operator[](std::size_t index) const {
-    std::size_t at = begin_;
-    for (; index > 0; --index) at = doc_->next(at);
-    return Json(doc_, at);
-}
-
-JsonObjectView::JsonObjectView(std::shared_ptr<const JsonDocument> doc, std::size_t at)
-    : doc_(std::move(doc)), begin_(at + 1), end_(doc_->next(at)), size_(doc_->count(at)) {}
-
 // ---------------------------------------------------------------------------------------------
 // Values
 

@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace sentrova {
@@ -83,97 +84,18 @@ struct JsonDocument {
     void addText(JsonTag shortTag, std::size_t offset, std::size_t size);
 };
 
-// A range over the elements of an array; empty for anything else.
-class JsonArrayView {
-public:
-    class iterator {
-    public:
-        using iterator_category = std::forward_iterator_tag;
-        using value_type = Json;
-        using difference_type = std::ptrdiff_t;
-        iterator() = default;
-        iterator(const std::shared_ptr<const JsonDocument>* doc, std::size_t at) : doc_(doc), at_(at) {}
-        Json operator*() const;
-        iterator& operator++() {
-            at_ = (*doc_)->next(at_);
-            return *this;
-        }
-        iterator operator++(int) {
-            iterator before = *this;
-            ++*this;
-            return before;
-        }
-        friend bool operator==(const iterator& a, const iterator& b) noexcept { return a.at_ == b.at_; }
-
-    private:
-        const std::shared_ptr<const JsonDocument>* doc_ = nullptr;
-        std::size_t at_ = 0;
-    };
-
-    JsonArrayView() = default;
-    JsonArrayView(std::shared_ptr<const JsonDocument> doc, std::size_t at);
-    iterator begin() const { return iterator(&doc_, begin_); }
-    iterator end() const { return iterator(&doc_, end_); }
-    std::size_t size() const noexcept { return size_; }
-    bool empty() const noexcept { return size_ == 0; }
-    Json operator[](std::size_t index) const; // index < size()
-
-private:
-    std::shared_ptr<const JsonDocument> doc_;
-    std::size_t begin_ = 0;
-    std::size_t end_ = 0;
-    std::size_t size_ = 0;
-};
-
-// One member of an object as read: its key and its value.
+// The elements of an array (Item Json) or the members of an object (Item JsonMemberView), in
+// order, duplicates kept; empty for anything else. Defined below, once its items are complete.
+template <typename Item>
+class JsonRange;
 struct JsonMemberView;
-
-// A range over the members of an object, in input order (duplicates kept); empty for anything else.
-class JsonObjectView {
-public:
-    class iterator {
-    public:
-        using iterator_category = std::forward_iterator_tag;
-        using value_type = JsonMemberView;
-        using difference_type = std::ptrdiff_t;
-        iterator() = default;
-        iterator(const std::shared_ptr<const JsonDocument>* doc, std::size_t at) : doc_(doc), at_(at) {}
-        JsonMemberView operator*() const;
-        iterator& operator++() {
-            at_ = (*doc_)->next(at_ + 1);
-            return *this;
-        }
-        iterator operator++(int) {
-            iterator before = *this;
-            ++*this;
-            return before;
-        }
-        friend bool operator==(const iterator& a, const iterator& b) noexcept { return a.at_ == b.at_; }
-
-    private:
-        const std::shared_ptr<const JsonDocument>* doc_ = nullptr;
-        std::size_t at_ = 0;
-    };
-
-    JsonObjectView() = default;
-    JsonObjectView(std::shared_ptr<const JsonDocument> doc, std::size_t at);
-    iterator begin() const { return iterator(&doc_, begin_); }
-    iterator end() const { return iterator(&doc_, end_); }
-    std::size_t size() const noexcept { return size_; }
-    bool empty() const noexcept { return size_ == 0; }
-
-private:
-    std::shared_ptr<const JsonDocument> doc_;
-    std::size_t begin_ = 0;
-    std::size_t end_ = 0;
-    std::size_t size_ = 0;
-};
+using JsonArrayView = JsonRange<Json>;
+using JsonObjectView = JsonRange<JsonMemberView>;
 
 class Json {
 public:
-    // numberText is internal: a number read from text that is not a plain 64-bit integer keeps
-    // its own text (so ids, tokens and big integers can be written back with the client's
-    // digits); type() reports it as real.
+    // A number read from text that is not a plain 64-bit integer keeps its own text (so ids,
+    // tokens and big integers can be written back with the client's digits); its type is real.
     enum class Type : std::uint8_t { null, boolean, integer, unsignedInteger, real, string, array, object };
 
     // What the value builders take.
@@ -249,16 +171,67 @@ struct JsonMember {
     Json value;
 };
 
+// One member of an object as read: its key and its value.
 struct JsonMemberView {
     std::string_view key;
     Json value;
 };
 
-inline Json JsonArrayView::iterator::operator*() const { return Json(*doc_, at_); }
+template <typename Item>
+class JsonRange {
+    static constexpr bool kMembers = std::is_same_v<Item, JsonMemberView>;
 
-inline JsonMemberView JsonObjectView::iterator::operator*() const {
-    return JsonMemberView{(*doc_)->text(at_), Json(*doc_, at_ + 1)};
-}
+public:
+    class iterator {
+    public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = Item;
+        using difference_type = std::ptrdiff_t;
+        iterator() = default;
+        iterator(const std::shared_ptr<const JsonDocument>* doc, std::size_t at) : doc_(doc), at_(at) {}
+        Item operator*() const {
+            if constexpr (kMembers) {
+                return JsonMemberView{(*doc_)->text(at_), Json(*doc_, at_ + 1)};
+            } else {
+                return Json(*doc_, at_);
+            }
+        }
+        iterator& operator++() {
+            at_ = (*doc_)->next(kMembers ? at_ + 1 : at_); // a member is its key and then its value
+            return *this;
+        }
+        iterator operator++(int) {
+            iterator before = *this;
+            ++*this;
+            return before;
+        }
+        friend bool operator==(const iterator& a, const iterator& b) noexcept { return a.at_ == b.at_; }
+
+    private:
+        const std::shared_ptr<const JsonDocument>* doc_ = nullptr;
+        std::size_t at_ = 0;
+    };
+
+    JsonRange() = default;
+    // The container at `at` of doc.
+    JsonRange(std::shared_ptr<const JsonDocument> doc, std::size_t at)
+        : doc_(std::move(doc)), begin_(at + 1), end_(doc_->next(at)), size_(doc_->count(at)) {}
+    iterator begin() const { return iterator(&doc_, begin_); }
+    iterator end() const { return iterator(&doc_, end_); }
+    std::size_t size() const noexcept { return size_; }
+    bool empty() const noexcept { return size_ == 0; }
+    Item operator[](std::size_t index) const { // index < size()
+        iterator it = begin();
+        for (; index > 0; --index) ++it;
+        return *it;
+    }
+
+private:
+    std::shared_ptr<const JsonDocument> doc_;
+    std::size_t begin_ = 0;
+    std::size_t end_ = 0;
+    std::size_t size_ = 0;
+};
 
 } // namespace sentrova
 
