@@ -61,7 +61,9 @@ inline std::string goFold(std::string_view key) {
     return out;
 }
 
-// Whether some reading of the text finds a tools/call (with an id).
+// Whether some reading of the text finds a tools/call (with an id). A call also counts when any
+// member spelled as "method" under folding says "tools/call": the bridge refuses such a line
+// even where no reading lands on that member (it answers it, so nothing is lost in silence).
 inline void findCalls(std::string_view text, bool& call, bool& callWithID) {
     const std::optional<Json> value = parseJson(text);
     if (!value) return;
@@ -69,6 +71,9 @@ inline void findCalls(std::string_view text, bool& call, bool& callWithID) {
     if (value->isArray()) for (const Json& e : value->arrayValue()) messages.push_back(e);
     for (const Json& message : messages) {
         if (!message.isObject()) continue;
+        for (const auto& m : message.objectValue()) {
+            call = call || (goFold(m.key) == "METHOD" && m.value.isString() && m.value.stringValue() == "tools/call");
+        }
         for (const bool fold : {false, true}) {
             for (const bool firstWins : {false, true}) {
                 const auto member = [&](std::string_view name) {

@@ -124,30 +124,6 @@ private:
     bool sawToolCall_ = false;
 };
 
-// The end of the object or array that starts at from (just past its closing bracket), found by
-// bracket depth outside strings; the reader then decides whether it is JSON at all.
-std::size_t containerEnd(std::string_view text, std::size_t from) noexcept {
-    std::size_t depth = 0;
-    bool inString = false;
-    for (std::size_t at = from; at < text.size(); ++at) {
-        const char c = text[at];
-        if (inString) {
-            if (c == '\\') {
-                ++at;
-            } else if (c == '"') {
-                inString = false;
-            }
-        } else if (c == '"') {
-            inString = true;
-        } else if (c == '{' || c == '[') {
-            ++depth;
-        } else if (c == '}' || c == ']') {
-            if (--depth == 0) return at + 1;
-        }
-    }
-    return std::string_view::npos;
-}
-
 // A stream decoder's reading: JSON texts one after the other, whitespace between them.
 void readAsStream(std::string_view text, Findings& findings) {
     std::size_t at = 0;
@@ -155,7 +131,7 @@ void readAsStream(std::string_view text, Findings& findings) {
     for (;;) {
         while (at < text.size() && isJsonSpace(text[at])) ++at;
         if (at >= text.size() || (text[at] != '{' && text[at] != '[')) return;
-        const std::size_t end = containerEnd(text, at);
+        const std::size_t end = jsonContainerEnd(text, at);
         if (end == std::string_view::npos) return;
         const std::optional<Json> value = parseJson(text.substr(at, end - at));
         if (!value) return;

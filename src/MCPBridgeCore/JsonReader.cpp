@@ -382,34 +382,42 @@ private:
     std::size_t current_ = kNone; // the innermost open container
 };
 
-// Whether every bracket outside strings is closed, in order of kind-blind nesting. A large
-// line is checked first so that one that never closes (twenty megabytes of "[") is refused
-// before a word is written for it.
-bool bracketsClose(std::string_view text) noexcept {
-    std::size_t depth = 0;
-    bool inString = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (inString) {
-            if (c == '\\') ++i;
-            else if (c == '"') inString = false;
-        } else if (c == '"') {
-            inString = true;
-        } else if (c == '[' || c == '{') {
-            ++depth;
-        } else if (c == ']' || c == '}') {
-            if (depth-- == 0) return false;
-        }
-    }
-    return depth == 0 && !inString;
-}
-
 constexpr std::size_t kCheckedLineSize = 1 << 16;
+
+// A large line's first container is checked to close before it is read, so that one that never
+// closes (twenty megabytes of "[") is refused before a word is written for it. The reader takes
+// nothing after that container but whitespace.
+bool firstContainerCloses(std::string_view text) noexcept {
+    const std::size_t start = text.find_first_of("{[");
+    return start != std::string_view::npos && jsonContainerEnd(text, start) != std::string_view::npos;
+}
 
 } // namespace
 
+std::size_t jsonContainerEnd(std::string_view text, std::size_t from) noexcept {
+    std::size_t depth = 0;
+    bool inString = false;
+    for (std::size_t at = from; at < text.size(); ++at) {
+        const char c = text[at];
+        if (inString) {
+            if (c == '\\') {
+                ++at;
+            } else if (c == '"') {
+                inString = false;
+            }
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '{' || c == '[') {
+            ++depth;
+        } else if (c == '}' || c == ']') {
+            if (--depth == 0) return at + 1;
+        }
+    }
+    return std::string_view::npos;
+}
+
 std::optional<Json> parseJson(std::string_view text) {
-    if (text.size() > kCheckedLineSize && !bracketsClose(text)) return std::nullopt;
+    if (text.size() > kCheckedLineSize && !firstContainerCloses(text)) return std::nullopt;
     try {
         auto doc = std::make_shared<JsonDocument>();
         if (!JsonReader(text, *doc).read()) return std::nullopt;

@@ -4,6 +4,7 @@
 // JSON.parse, Python's json, Go's encoding/json) accept: a client line the bridge cannot read
 // is not relayed, so a message that a server would take must be readable here, or it is lost.
 
+#include <cstddef>
 #include <optional>
 #include <string_view>
 
@@ -20,5 +21,10 @@ namespace sentrova {
 // any other number is a real ("1.0" stays the real 1, "-0.0" the real -0).
 // Invalid UTF-8 is replaced per maximal ill-formed subsequence, as WHATWG's decoder does.
 std::optional<Json> parseJson(std::string_view text);
+
+// The end of the object or array that starts at from (just past its closing bracket), found by
+// bracket depth outside strings, or npos when it never closes. Whether the text is JSON at all
+// is for the reader to say.
+std::size_t jsonContainerEnd(std::string_view text, std::size_t from) noexcept;
 
 } // namespace sentrova

@@ -80,7 +80,7 @@ TEST(DevGatewayOptionsTests, EveryCommandLineRowGivesItsSettingsOrItsError) {
             got = row[2].starts_with("error: ") && error->message.find(row[2].substr(7)) != std::string::npos ? row[2] : error->message;
         } else {
             const auto& o = std::get<DevGatewayOptions>(result);
-            got = o.host + " " + std::to_string(o.port) + " " + o.token.value_or("-") + " " + resolveAuditLogPath(o) + " " +
+            got = (o.help ? "help " : "") + o.host + " " + std::to_string(o.port) + " " + o.token.value_or("-") + " " + resolveAuditLogPath(o) + " " +
                   resolveStatePath(o, "x/a.jsonl");
         }
         EXPECT_EQ(got, row[2]) << row[0];
