@@ -51,14 +51,16 @@ BENCHMARK(BM_PinHashTypicalDefinition);
 void BM_CaptureFortyTools(benchmark::State& state) {
     sentrova::Json::Array tools;
     for (int i = 0; i < 40; ++i) {
-        sentrova::Json::Object members = typicalDefinition().objectValue();
-        for (sentrova::JsonMember& member : members) {
-            if (member.key == "name") member.value = sentrova::Json::string("tool_" + std::to_string(i));
+        sentrova::Json::Object members;
+        for (const sentrova::JsonMemberView member : typicalDefinition().objectValue()) {
+            members.push_back({std::string(member.key),
+                               member.key == "name" ? sentrova::Json::string("tool_" + std::to_string(i)) : member.value});
         }
-        tools.push_back(sentrova::Json::object(std::move(members)));
+        tools.push_back(sentrova::Json::object(members));
     }
+    const sentrova::Json list = sentrova::Json::array(tools);
     sentrova::ToolPinTable table;
-    for (auto _ : state) table.capture(tools);
+    for (auto _ : state) table.capture(list);
     state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * 40);
 }
 BENCHMARK(BM_CaptureFortyTools);
