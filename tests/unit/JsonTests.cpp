@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "MCPBridgeCore/Json.hpp"
+#include "MCPBridgeCore/Utf8.hpp"
 #include "TestSupport.hpp"
 
 namespace sentrova {
@@ -45,6 +46,16 @@ TEST(JsonTests, EveryCaseTableLineReadsAndWritesAsListedAndNumbersKeepTheirKind)
               "[100000000000000000001,0,1.50,1E2,-1e400]");
     EXPECT_EQ(canonical(R"({"a/b":"\u001F"})", {.escapeSlash = true}), R"({"a\/b":"\u001f"})");
     EXPECT_EQ(*parseJson(R"({"id":1,"x":0,"id":3})")->find("id"), Json::integer(3)); // the last one counts
+    // The encoder at the edges of the surrogates and of Unicode; the bracket scan stays in its text.
+    for (const auto& [codePoint, bytes] : {std::pair<std::uint32_t, std::string>{0xD7FF, "\xED\x9F\xBF"}, {0xD800, "\xEF\xBF\xBD"},
+                                           {0xDFFF, "\xEF\xBF\xBD"}, {0xE000, "\xEE\x80\x80"}, {0x10FFFF, "\xF4\x8F\xBF\xBF"},
+                                           {0x110000, "\xEF\xBF\xBD"}}) {
+        std::string out;
+        appendUtf8(out, codePoint);
+        EXPECT_EQ(out, bytes) << codePoint;
+    }
+    EXPECT_EQ(jsonContainerEnd(std::string_view("[[]]").substr(0, 3), 0), std::string_view::npos);
+    EXPECT_EQ(jsonContainerEnd(R"(x{"]":[1]} )", 1), 10u);
 }
 
 TEST(JsonTests, DeepAndHugeLinesCostNoRecursionNorMemoryPerBracketAndEachLineIsReadOnItsOwn) {
